@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Configures and builds one tree. Usage: scripts/build.sh BUILD_DIR [SANITIZER] [TARGET...]
+# SANITIZER is empty, "address" (AddressSanitizer + UndefinedBehaviorSanitizer) or "thread".
+set -euo pipefail
+cd "$(dirname "$0")/.."
+dir=$1
+sanitize=${2:-}
+shift $(( $# > 1 ? 2 : 1 ))
+cmake -S . -B "$dir" -G Ninja -DTARNLY_SANITIZE="$sanitize" >/dev/null
+cmake --build "$dir" -- "$@"

@@ -1,0 +1,28 @@
+#include "platform/clock.h"
+
+#include <ctime>
+
+namespace {
+// 2001-01-01T00:00:00Z in Unix time.
+constexpr double kReferenceDateUnixSeconds = 978307200.0;
+}  // namespace
+
+std::string iso8601(TimePoint time) {
+  auto seconds = std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count();
+  std::time_t t = static_cast<std::time_t>(seconds);
+  std::tm utc{};
+  ::gmtime_r(&t, &utc);
+  char buffer[32];
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return buffer;
+}
+
+double secondsSinceReferenceDate(TimePoint time) {
+  auto micros = std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch());
+  return static_cast<double>(micros.count()) / 1e6 - kReferenceDateUnixSeconds;
+}
+
+TimePoint fromSecondsSinceReferenceDate(double seconds) {
+  auto micros = static_cast<long long>((seconds + kReferenceDateUnixSeconds) * 1e6);
+  return TimePoint(std::chrono::duration_cast<TimePoint::duration>(std::chrono::microseconds(micros)));
+}

@@ -1,0 +1,19 @@
+// Clock: where the helper reads the time. Production passes systemClock; tests pass a fixed or
+// stepping function.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+using TimePoint = std::chrono::system_clock::time_point;
+using Clock = std::function<TimePoint()>;
+
+inline TimePoint systemNow() { return std::chrono::system_clock::now(); }
+
+// ISO 8601 internet date-time in UTC to the second with a trailing Z, e.g. 2026-11-16T20:51:26Z.
+std::string iso8601(TimePoint time);
+
+// Seconds relative to 2001-01-01T00:00:00Z, the reference of the helper's JSON dates.
+double secondsSinceReferenceDate(TimePoint time);
+TimePoint fromSecondsSinceReferenceDate(double seconds);
