@@ -1,5 +1,6 @@
 #include "platform/clock.h"
 
+#include <cmath>
 #include <ctime>
 
 namespace {
@@ -18,11 +19,10 @@ std::string iso8601(TimePoint time) {
 }
 
 double secondsSinceReferenceDate(TimePoint time) {
-  auto micros = std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch());
-  return static_cast<double>(micros.count()) / 1e6 - kReferenceDateUnixSeconds;
+  return static_cast<double>(time.time_since_epoch().count()) / 1e6 - kReferenceDateUnixSeconds;
 }
 
 TimePoint fromSecondsSinceReferenceDate(double seconds) {
-  auto micros = static_cast<long long>((seconds + kReferenceDateUnixSeconds) * 1e6);
-  return TimePoint(std::chrono::duration_cast<TimePoint::duration>(std::chrono::microseconds(micros)));
+  auto micros = static_cast<long long>(std::llround((seconds + kReferenceDateUnixSeconds) * 1e6));
+  return TimePoint(std::chrono::microseconds(micros));
 }

@@ -6,10 +6,13 @@
 #include <functional>
 #include <string>
 
-using TimePoint = std::chrono::system_clock::time_point;
+// Microsecond resolution keeps far dates (the store's 0001-01-01) in range.
+using TimePoint = std::chrono::sys_time<std::chrono::microseconds>;
 using Clock = std::function<TimePoint()>;
 
-inline TimePoint systemNow() { return std::chrono::system_clock::now(); }
+inline TimePoint systemNow() {
+  return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
 
 // ISO 8601 internet date-time in UTC to the second with a trailing Z, e.g. 2026-11-16T20:51:26Z.
 std::string iso8601(TimePoint time);
