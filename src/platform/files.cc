@@ -126,9 +126,13 @@ void createDirectories(const std::string& path) {
   if (::mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) throw FileError("mkdir", path, errno);
 }
 
-bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+bool removeFile(const std::string& path) {
+  return ::unlink(path.c_str()) == 0;
+}
 
-bool setMode(const std::string& path, mode_t mode) { return ::chmod(path.c_str(), mode) == 0; }
+bool setMode(const std::string& path, mode_t mode) {
+  return ::chmod(path.c_str(), mode) == 0;
+}
 
 bool pathExists(const std::string& path) {
   struct stat info {};

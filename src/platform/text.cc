@@ -108,7 +108,9 @@ bool isLineBreak(char32_t c) {
   return (c >= 0x0A && c <= 0x0D) || c == 0x0085 || c == 0x2028 || c == 0x2029;
 }
 
-std::string_view trimSpaces(std::string_view text) { return trimWith(text, isSpaceOrTab); }
+std::string_view trimSpaces(std::string_view text) {
+  return trimWith(text, isSpaceOrTab);
+}
 
 std::string_view trimWhitespaceAndNewlines(std::string_view text) {
   return trimWith(text, [](char32_t c) { return isSpaceOrTab(c) || isLineBreak(c); });
@@ -119,8 +121,8 @@ std::vector<std::string_view> split(std::string_view text, char separator, bool 
   size_t start = 0;
   while (true) {
     size_t found = text.find(separator, start);
-    std::string_view piece =
-        text.substr(start, found == std::string_view::npos ? std::string_view::npos : found - start);
+    std::string_view piece = text.substr(
+        start, found == std::string_view::npos ? std::string_view::npos : found - start);
     if (keepEmpty || !piece.empty()) pieces.push_back(piece);
     if (found == std::string_view::npos) break;
     start = found + 1;

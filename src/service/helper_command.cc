@@ -52,7 +52,8 @@ Result startFailure(const std::string& path, int error) {
 
 std::string Result::combinedOutput() const {
   std::string out;
-  for (std::string_view part : {trimWhitespaceAndNewlines(stdout), trimWhitespaceAndNewlines(stderr)}) {
+  for (std::string_view part :
+       {trimWhitespaceAndNewlines(stdout), trimWhitespaceAndNewlines(stderr)}) {
     if (part.empty()) continue;
     if (!out.empty()) out += '\n';
     out += part;

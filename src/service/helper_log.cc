@@ -8,7 +8,9 @@
 #include <cstdio>
 
 HelperLog::HelperLog(std::string logFile, std::string rotatedFile, Clock clock)
-    : logFile_(std::move(logFile)), rotatedFile_(std::move(rotatedFile)), clock_(std::move(clock)) {}
+    : logFile_(std::move(logFile)),
+      rotatedFile_(std::move(rotatedFile)),
+      clock_(std::move(clock)) {}
 
 void HelperLog::write(std::string_view message) {
   std::string line = iso8601(clock_());

@@ -34,9 +34,15 @@ TEST(TextSplit, KeepsOrDropsEmptyPieces) {
 
 TEST(TextDecode, ReplacesEachMaximalInvalidSubpart) {
   EXPECT_EQ(decodeUTF8Lossy("ok \xC3\xA9"), "ok \xC3\xA9");
-  EXPECT_EQ(decodeUTF8Lossy("a\xFF" "b"), "a\uFFFD" "b");
+  EXPECT_EQ(decodeUTF8Lossy("a\xFF"
+                            "b"),
+            "a\uFFFD"
+            "b");
   // A truncated three-byte sequence is one replacement; a surrogate is three.
-  EXPECT_EQ(decodeUTF8Lossy("\xE2\x82" "x"), "\uFFFD" "x");
+  EXPECT_EQ(decodeUTF8Lossy("\xE2\x82"
+                            "x"),
+            "\uFFFD"
+            "x");
   EXPECT_EQ(decodeUTF8Lossy("\xED\xA0\x80"), "\uFFFD\uFFFD\uFFFD");
   EXPECT_EQ(decodeUTF8Lossy("\xF0\x9F\x98\x80"), "\U0001F600");
   EXPECT_EQ(decodeUTF8Lossy(std::string_view("\0x", 2)), std::string("\0x", 2));

@@ -17,7 +17,8 @@ class TempTree {
   // Absolute path of a path relative to the root.
   std::string path(const std::string& relative) const { return root_ + "/" + relative; }
   // Writes a file (creating its folders) and sets its mode; returns its absolute path.
-  std::string write(const std::string& relative, const std::string& content, mode_t mode = 0644) const;
+  std::string write(const std::string& relative, const std::string& content,
+                    mode_t mode = 0644) const;
   // Writes an executable shell script; returns its absolute path.
   std::string script(const std::string& relative, const std::string& body) const;
 

@@ -1,0 +1,120 @@
+#include "service/helper_log.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/text.h"
+#include "support/temp_tree.h"
+
+namespace {
+
+class HelperLogTest : public ::testing::Test {
+ protected:
+  std::string logFile() const { return tree_.path("log/tarnly-adminhelper.log"); }
+  std::string rotatedFile() const { return tree_.path("log/tarnly-adminhelper.log.1"); }
+  HelperLog makeLog(Clock clock = systemNow) {
+    createDirectories(tree_.path("log"));
+    return HelperLog(logFile(), rotatedFile(), std::move(clock));
+  }
+
+  TempTree tree_;
+};
+
+TimePoint fixedTime() {
+  return fromSecondsSinceReferenceDate(816555086.0);
+}
+
+TEST_F(HelperLogTest, WritesOneUTCTimeStampedLinePerMessageIntoANew0644File) {
+  ::umask(077);
+  HelperLog log = makeLog(fixedTime);
+  log.write("Removed firewall enforcement.");
+  log.write("two\nlines kept as they are");
+  ::umask(022);
+  EXPECT_EQ(contentOf(logFile()),
+            "2026-11-16T20:51:26Z Removed firewall enforcement.\n"
+            "2026-11-16T20:51:26Z two\nlines kept as they are\n");
+  EXPECT_EQ(modeOf(logFile()), 0644);
+}
+
+TEST_F(HelperLogTest, TimeStampsFollowTheClockInUTCWithoutFractions) {
+  HelperLog log = makeLog();
+  log.write("now");
+  std::string content = contentOf(logFile());
+  EXPECT_TRUE(std::regex_match(content, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ now\n)")))
+      << content;
+}
+
+TEST_F(HelperLogTest, RotatesOnlyAFileStrictlyLargerThanTheLimit) {
+  HelperLog log = makeLog(fixedTime);
+  const std::string line = "2026-11-16T20:51:26Z next\n";
+  tree_.write("log/tarnly-adminhelper.log.1", "older generation\n");
+  tree_.write("log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit, 'x'));
+
+  log.write("next");  // exactly at the limit: appended, not rotated
+  EXPECT_EQ(contentOf(logFile()).size(), HelperLog::kRotationLimit + line.size());
+  EXPECT_EQ(contentOf(rotatedFile()), "older generation\n");
+
+  log.write("next");  // now larger: rotated first, the line starts a fresh file
+  EXPECT_EQ(contentOf(logFile()), line);
+  EXPECT_EQ(modeOf(logFile()), 0644);
+  EXPECT_EQ(contentOf(rotatedFile()).size(), HelperLog::kRotationLimit + line.size());
+}
+
+TEST_F(HelperLogTest, FailedRotationMoveTruncatesInstead) {
+  tree_.write("log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit + 1, 'x'));
+  // A folder at the rotated path can be neither removed as a file nor replaced by the move.
+  createDirectories(rotatedFile() + "/occupied");
+  HelperLog::rotateIfNeeded(logFile(), rotatedFile(), HelperLog::kRotationLimit);
+  EXPECT_EQ(contentOf(logFile()), "");
+}
+
+TEST_F(HelperLogTest, FileDeletedFromOutsideIsRecreated) {
+  HelperLog log = makeLog(fixedTime);
+  log.write("first");
+  ASSERT_TRUE(removeFile(logFile()));
+  log.write("second");
+  EXPECT_EQ(contentOf(logFile()), "2026-11-16T20:51:26Z second\n");
+}
+
+TEST_F(HelperLogTest, UninstallRemovesBothFilesAndSilencesTheProcess) {
+  HelperLog log = makeLog(fixedTime);
+  log.write("before");
+  tree_.write("log/tarnly-adminhelper.log.1", "older\n");
+  log.removeForUninstall();
+  EXPECT_FALSE(pathExists(logFile()));
+  EXPECT_FALSE(pathExists(rotatedFile()));
+  log.write("after");
+  EXPECT_FALSE(pathExists(logFile()));
+}
+
+TEST_F(HelperLogTest, UnwritableLocationLosesTheLineQuietly) {
+  HelperLog log(tree_.path("missing-folder/x.log"), tree_.path("missing-folder/x.log.1"));
+  log.write("lost");
+  EXPECT_FALSE(pathExists(tree_.path("missing-folder")));
+}
+
+TEST_F(HelperLogTest, ConcurrentWritersProduceWholeLines) {
+  HelperLog log = makeLog(fixedTime);
+  constexpr int kThreads = 8;
+  constexpr int kLines = 200;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&log, t] {
+      for (int i = 0; i < kLines; ++i)
+        log.write("thread " + std::to_string(t) + " line " + std::to_string(i));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  auto lines = split(contentOf(logFile()), '\n', false);
+  ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
+  std::regex shape(R"(2026-11-16T20:51:26Z thread \d line \d+)");
+  for (std::string_view line : lines) {
+    ASSERT_TRUE(std::regex_match(std::string(line), shape)) << line;
+  }
+}
+
+}  // namespace
