@@ -6,5 +6,8 @@ cd "$(dirname "$0")/.."
 dir=$1
 sanitize=${2:-}
 shift $(( $# > 1 ? 2 : 1 ))
-cmake -S . -B "$dir" -G Ninja -DTARNLY_SANITIZE="$sanitize" >/dev/null
+benchmarks=ON
+# Benchmarks measure the normal build only.
+[ -n "$sanitize" ] && benchmarks=OFF
+cmake -S . -B "$dir" -G Ninja -DTARNLY_SANITIZE="$sanitize" -DTARNLY_BENCHMARKS=$benchmarks >/dev/null
 cmake --build "$dir" -- "$@"

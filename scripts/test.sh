@@ -19,5 +19,4 @@ scripts/build.sh build-asan address
 
 echo "== ThreadSanitizer build (concurrent tests) =="
 scripts/build.sh build-tsan thread
-(cd build-tsan && TSAN_OPTIONS=halt_on_error=1 GTEST_FILTER='*Concurrent*' \
-  ctest --output-on-failure -j "$jobs")
+(cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$jobs" -R Concurrent)
