@@ -1,0 +1,18 @@
+// The uninstall clean-up of the state directory: removes what no account or later install still
+// needs, says why anything stays, and deletes the log. Runs under HelperFirewall::lock().
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "service/helper_environment.h"
+
+namespace HelperFirewall {
+
+// Removes the pf.conf backup, ".DS_Store" and an empty VLAN record from the state directory, and
+// the directory itself when nothing else remains; then stops the log and deletes its files (the
+// last step, so no line follows). Returns HelperUninstall::explanation of the remaining names;
+// none when nothing remains or the directory cannot be listed. Never throws for file failures.
+std::optional<std::string> removeStateForUninstall(const HelperEnvironment& env);
+
+}  // namespace HelperFirewall
