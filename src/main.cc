@@ -1,22 +1,26 @@
-// Process entry of TarnlyAdminHelper: chooses the mode and wires the real parts together.
+// Process entry of TarnlyAdminHelper: builds the real environment and runs the selected mode.
+#include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <string_view>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "firewall/enforce/command_line.h"
+#include "firewall/enforce/firewall_host.h"
+#include "platform/host_paths.h"
+#include "service/helper_environment.h"
+#include "service/helper_log.h"
 
 int main(int argc, char** argv) {
-  std::string_view first = argc > 1 ? argv[1] : "";
-  if (first == "--version") {
-    std::printf("%s\n", TARNLY_VERSION);
-    return 0;
-  }
-  static constexpr std::string_view kNotRoot =
-      "TarnlyAdminHelper must run as root (launchd LaunchDaemon).\n";
-  if (::getuid() != 0) {
-    if (::write(STDERR_FILENO, kNotRoot.data(), kNotRoot.size()) < 0) {
-      // Nothing to do: the status says it all.
-    }
-    return 1;
-  }
-  return 0;
+  // A client that closes its connection must not end the helper.
+  ::signal(SIGPIPE, SIG_IGN);
+
+  std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+  HostPaths paths;
+  paths.executable = currentExecutablePath();
+  // Never destroyed: the helper's exits must not run destructors under live threads.
+  auto* log = new HelperLog(paths.logFile, paths.rotatedLogFile, systemNow);
+  auto* env = new HelperEnvironment{paths, systemNow, *log};
+  return HelperCommandLine::run(arguments, ::getuid(), FirewallHost{*env}, std::cout, std::cerr);
 }
