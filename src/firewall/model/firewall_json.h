@@ -24,6 +24,8 @@ nlohmann::json encode(const FirewallRule& rule);
 nlohmann::json encode(const NetworkFirewallPolicy& policy);
 nlohmann::json encode(const FirewallNetworkPolicy& network);
 nlohmann::json encode(const std::vector<FirewallNetworkPolicy>& networks);
+// The same array with every object's keys in their declared order, for output people read.
+nlohmann::ordered_json encodeOrdered(const std::vector<FirewallNetworkPolicy>& networks);
 
 // Decodes one value; `where` names its place in the document (for example "[2].policy") and
 // prefixes error descriptions. Throw DecodeError.

@@ -1,0 +1,269 @@
+#include "firewall/model/ruleset.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "firewall/model/one_line.h"
+#include "platform/text.h"
+
+namespace NetworkFirewall {
+
+namespace {
+
+// "bridge" followed by 1 to 5 ASCII digits and nothing else.
+bool isBridgeName(std::string_view name) {
+  constexpr std::string_view kPrefix = "bridge";
+  if (name.size() <= kPrefix.size() || name.size() > kPrefix.size() + 5) return false;
+  if (name.substr(0, kPrefix.size()) != kPrefix) return false;
+  return std::all_of(name.begin() + kPrefix.size(), name.end(),
+                     [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::vector<std::string> sortedDistinct(std::vector<std::string> names) {
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  return names;
+}
+
+// Appends the lines of one rule, each ending with a line feed; nothing for an unusable rule.
+void appendRuleLines(std::string& out, const FirewallRule& rule, std::string_view subnet) {
+  std::optional<std::string> remote = normalizedRemote(rule.remoteCIDR);
+  if (!remote) return;
+  std::optional<std::string> ports;
+  if (FirewallRule::carriesPorts(rule.proto) && !trimSpaces(rule.ports).empty()) {
+    ports = normalizedPorts(rule.ports);
+    if (!ports) return;
+  }
+  std::array<std::string_view, 2> protocols{};
+  std::size_t protocolCount = 1;
+  switch (rule.proto) {
+    case FirewallRule::Proto::any:
+      if (ports) {
+        protocols = {"tcp", "udp"};
+        protocolCount = 2;
+      }
+      break;
+    case FirewallRule::Proto::tcp:
+      protocols[0] = "tcp";
+      break;
+    case FirewallRule::Proto::udp:
+      protocols[0] = "udp";
+      break;
+    case FirewallRule::Proto::icmp:
+      protocols[0] = "icmp";
+      break;
+  }
+  const bool allow = rule.action == FirewallRule::Action::allow;
+  const bool inbound = rule.direction == FirewallRule::Direction::inbound;
+  const std::string_view source = inbound ? std::string_view(*remote) : subnet;
+  const std::string_view destination = inbound ? subnet : std::string_view(*remote);
+  for (std::size_t i = 0; i < protocolCount; ++i) {
+    out += allow ? "pass" : "block drop";
+    out += inbound ? " out quick" : " in quick";
+    if (!protocols[i].empty()) {
+      out += " proto ";
+      out += protocols[i];
+    }
+    out += " from ";
+    out += source;
+    out += " to ";
+    out += destination;
+    if (ports) {
+      out += " port ";
+      out += *ports;
+    }
+    if (allow) out += " keep state";
+    out += '\n';
+  }
+}
+
+// Appends the block of one network, or nothing when its policy is off or its subnet unusable.
+void appendNetwork(std::string& out, const FirewallNetworkPolicy& network,
+                   const IPv6DropMap& drops) {
+  if (!network.policy.enabled) return;
+  std::optional<std::string> canonical = canonicalSubnet(network.subnetCIDR);
+  if (!canonical) return;
+  const std::string& subnet = *canonical;
+
+  out += "# --- ";
+  appendOnOneLine(out, network.name);
+  out += " (";
+  out += subnet;
+  out += ") ---\n";
+
+  if (auto found = drops.find(network.networkID); found != drops.end()) {
+    for (const std::string& name : sortedDistinct(found->second)) {
+      if (!isBridgeName(name)) continue;
+      out += "block drop quick on ";
+      out += name;
+      out += " inet6 all\n";
+    }
+  }
+
+  std::optional<std::array<std::uint8_t, 4>> gateway;
+  if (network.gatewayIPv4) gateway = parseIPv4(*network.gatewayIPv4);
+  std::optional<std::string> dhcpGateway =
+      gateway ? std::optional<std::string>(dottedQuad(*gateway)) : defaultGateway(subnet);
+  if (dhcpGateway) {
+    out += "pass in quick proto udp from " + subnet + " port 68 to { " + *dhcpGateway +
+           ", 255.255.255.255 } port 67 keep state\n";
+    out += "pass out quick proto udp from " + *dhcpGateway + " port 67 to " + subnet + " port 68\n";
+  }
+  if (gateway && network.dnsProxyEnabled) {
+    const std::string dns = dottedQuad(*gateway);
+    for (std::string_view protocol : {"udp", "tcp"}) {
+      out += "pass in quick proto ";
+      out += protocol;
+      out += " from " + subnet + " to " + dns + "/32 port 53 keep state\n";
+    }
+  }
+
+  for (const FirewallRule& rule : network.policy.rules) {
+    if (rule.enabled) appendRuleLines(out, rule, subnet);
+  }
+
+  if (network.policy.defaultOutbound == FirewallRule::Action::allow) {
+    out += "pass in quick from " + subnet + " to any keep state\n";
+  } else {
+    out += "block drop in quick from " + subnet + " to any\n";
+  }
+  if (network.policy.defaultInbound == FirewallRule::Action::allow) {
+    out += "pass out quick from any to " + subnet + " keep state\n";
+  } else {
+    out += "block drop out quick from any to " + subnet + "\n";
+  }
+  out += '\n';
+}
+
+using DigestContext = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
+
+// Feeds pieces to SHA-256 and renders the result; an unavailable digest (which the library
+// never reports for SHA-256 short of memory exhaustion) yields the digest of nothing fed.
+class Sha256 {
+ public:
+  Sha256() : context_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
+    ok_ = context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1;
+  }
+  void update(std::string_view bytes) {
+    if (ok_ && !bytes.empty())
+      ok_ = EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1;
+  }
+  std::string hex() {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> sum{};
+    unsigned int length = 0;
+    if (!ok_ || EVP_DigestFinal_ex(context_.get(), sum.data(), &length) != 1) {
+      return "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+    }
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(length * 2);
+    for (unsigned int i = 0; i < length; ++i) {
+      out += kDigits[sum[i] >> 4];
+      out += kDigits[sum[i] & 0x0F];
+    }
+    return out;
+  }
+
+ private:
+  DigestContext context_;
+  bool ok_ = false;
+};
+
+}  // namespace
+
+std::optional<std::string> defaultGateway(std::string_view subnet) {
+  std::optional<std::string> canonical = canonicalSubnet(subnet);
+  if (!canonical) return std::nullopt;
+  std::optional<ParsedCIDR> parsed = parseCIDR(*canonical);
+  if (!parsed) return std::nullopt;
+  parsed->address[3] |= 1;
+  return dottedQuad(parsed->address);
+}
+
+std::vector<std::string> bridgesCarrying(std::string_view address,
+                                         const std::vector<HostAddress>& hosts) {
+  std::optional<std::array<std::uint8_t, 4>> bytes = parseIPv4(address);
+  if (!bytes) return {};
+  std::vector<std::string> names;
+  for (const HostAddress& host : hosts) {
+    if (host.bytes.size() == 4 &&
+        std::equal(host.bytes.begin(), host.bytes.end(), bytes->begin()) &&
+        isBridgeName(host.interface)) {
+      names.push_back(host.interface);
+    }
+  }
+  return sortedDistinct(std::move(names));
+}
+
+IPv6DropMap ipv6DropInterfaces(const std::vector<FirewallNetworkPolicy>& networks,
+                               const std::vector<HostAddress>& hosts) {
+  IPv6DropMap drops;
+  for (const FirewallNetworkPolicy& network : networks) {
+    if (!network.policy.enabled || network.keepsIPv6.value_or(false)) continue;
+    if (!canonicalSubnet(network.subnetCIDR)) continue;
+    std::optional<std::string> gateway =
+        network.gatewayIPv4 ? network.gatewayIPv4 : defaultGateway(network.subnetCIDR);
+    if (!gateway) continue;
+    std::vector<std::string> bridges = bridgesCarrying(*gateway, hosts);
+    if (!bridges.empty()) drops[network.networkID] = std::move(bridges);
+  }
+  return drops;
+}
+
+std::vector<std::string> ruleLines(const FirewallRule& rule, std::string_view subnet) {
+  std::string text;
+  appendRuleLines(text, rule, subnet);
+  std::vector<std::string> lines;
+  for (std::string_view line : split(text, '\n', false)) lines.emplace_back(line);
+  return lines;
+}
+
+std::string ruleset(const std::vector<FirewallNetworkPolicy>& networks, const IPv6DropMap& drops,
+                    TimePoint generatedAt) {
+  std::size_t rules = 0;
+  for (const FirewallNetworkPolicy& network : networks) rules += network.policy.rules.size();
+  std::string out;
+  out.reserve(256 + networks.size() * 640 + rules * 96);
+  out += "# Tarnly network firewall - generated ";
+  out += iso8601(generatedAt);
+  out += ".\n";
+  out +=
+      "# Loaded into pf anchor \"com.apple/900.tarnly.firewall\" by TarnlyAdminHelper. Do not "
+      "edit.\n";
+  out += '\n';
+  // Every line, the empty ones included, ends with a line feed: the lines joined by line feeds
+  // with one more at the end.
+  for (const FirewallNetworkPolicy& network : networks) appendNetwork(out, network, drops);
+  return out;
+}
+
+std::string digest(std::string_view text) {
+  Sha256 sha;
+  sha.update(text);
+  return sha.hex();
+}
+
+std::string rulesetDigest(std::string_view text) {
+  Sha256 sha;
+  bool first = true;
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t end = text.find('\n', start);
+    const std::string_view piece =
+        text.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    const std::string_view trimmed = trimSpaces(piece);
+    if (trimmed.empty() || trimmed.front() != '#') {
+      if (!first) sha.update("\n");
+      sha.update(piece);
+      first = false;
+    }
+    if (end == std::string_view::npos) break;
+    start = end + 1;
+  }
+  return sha.hex();
+}
+
+}  // namespace NetworkFirewall
