@@ -3,6 +3,7 @@
 // thread-safe itself; the simulator processes it starts lock their shared state on their own.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -32,4 +33,5 @@ class PfSimulator {
   std::string simulatorBinary_;
   std::string pfctlPath_;
   std::string stateDirectory_;
+  size_t invocationsSeen_ = 0;  // log records before construction or the last clearInvocations
 };
