@@ -1,0 +1,396 @@
+// The rtnetlink VLAN configuration against the kernel. The outer test re-runs this binary in a
+// fresh network namespace (unshare --net) for each DISABLED_ test below; those make dummy links
+// as parents and never run in the machine's own namespace.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "interfaces/helper_vlan.h"
+#include "platform/netlink_vlan_configuration.h"
+#include "service/helper_command.h"
+#include "test_environment.h"
+
+namespace {
+
+constexpr const char* kNamespaceMarker = "TARNLY_VLAN_TEST_NETNS";
+
+std::string ipProgram() {
+  return pathExists("/usr/sbin/ip") ? "/usr/sbin/ip" : "/sbin/ip";
+}
+
+HelperCommand::Result ip(const std::vector<std::string>& arguments) {
+  return HelperCommand::run(ipProgram(), arguments);
+}
+
+void mustIP(const std::vector<std::string>& arguments) {
+  HelperCommand::Result result = ip(arguments);
+  ASSERT_EQ(result.status, 0) << "ip " << join(arguments, " ") << ": " << result.combinedOutput();
+}
+
+std::string details(const std::string& link) {
+  return ip({"-d", "link", "show", "dev", link}).stdout;
+}
+
+bool linkExists(const std::string& link) {
+  return ip({"link", "show", "dev", link}).status == 0;
+}
+
+std::vector<std::string> names(VLANPreferences& preferences,
+                               const std::vector<NetworkInterfaceID>& ids) {
+  std::vector<std::string> result;
+  for (NetworkInterfaceID id : ids) result.push_back(preferences.bsdName(id).value_or("<none>"));
+  return result;
+}
+
+bool contains(const std::vector<std::string>& list, const std::string& item) {
+  return std::find(list.begin(), list.end(), item) != list.end();
+}
+
+// The tests of NetlinkVLANInNamespace, as this binary lists them.
+std::vector<std::string> namespaceTests(const std::string& self) {
+  HelperCommand::Result listing =
+      HelperCommand::run(self, {"--gtest_also_run_disabled_tests", "--gtest_list_tests",
+                                "--gtest_filter=NetlinkVLANInNamespace.*"});
+  std::vector<std::string> tests;
+  for (std::string_view line : split(listing.stdout, '\n', false)) {
+    if (line.starts_with("  ")) tests.emplace_back(trimSpaces(line));
+  }
+  return tests;
+}
+
+// The text of the line after gtest's "Skipped" in a test's output.
+std::string skipReason(const std::string& output) {
+  std::string::size_type at = output.find(": Skipped\n");
+  if (at == std::string::npos) return "";
+  at += 10;
+  return output.substr(at, output.find('\n', at) - at);
+}
+
+TEST(NetlinkVLANConfiguration, WorksInAFreshNetworkNamespace) {
+  HelperCommand::Result probe = HelperCommand::run("/usr/bin/unshare", {"--net", "/bin/true"});
+  if (probe.status != 0) {
+    GTEST_SKIP() << "network namespaces are unavailable here: " << probe.combinedOutput();
+  }
+  std::string self = currentExecutablePath();
+  ASSERT_FALSE(self.empty());
+  std::vector<std::string> tests = namespaceTests(self);
+  ASSERT_GE(tests.size(), 5U);
+  // Each test in a namespace of its own, so that none sees another's links.
+  std::vector<std::string> skipped;
+  for (const std::string& test : tests) {
+    HelperCommand::Result run = HelperCommand::run(
+        "/usr/bin/unshare",
+        {"--net", "--", "/usr/bin/env", "-u", "GTEST_OUTPUT", std::string(kNamespaceMarker) + "=1",
+         self, "--gtest_also_run_disabled_tests", "--gtest_filter=NetlinkVLANInNamespace." + test});
+    std::string output = run.stdout + run.stderr;
+    EXPECT_EQ(run.status, 0) << test << ":\n" << output;
+    if (output.find("[  SKIPPED ] 1 test") != std::string::npos) {
+      skipped.push_back(test + ": " + skipReason(output));
+    } else {
+      EXPECT_NE(output.find("[  PASSED  ] 1 test."), std::string::npos) << test << ":\n" << output;
+    }
+  }
+  if (!skipped.empty()) GTEST_SKIP() << "skipped in the namespace: " << join(skipped, "; ");
+}
+
+// Runs in a fresh namespace: only "lo" exists at the start. Parents are dummy links, or ifb links
+// (also plain ethernet links) where the kernel has no dummy driver.
+class NetlinkVLANInNamespace : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::getenv(kNamespaceMarker) == nullptr) {
+      GTEST_SKIP() << "runs only in the network namespace made by "
+                      "NetlinkVLANConfiguration.WorksInAFreshNetworkNamespace";
+    }
+    parentKind_ = ip({"link", "add", "probe0", "type", "dummy"}).status == 0 ? "dummy" : "ifb";
+    ip({"link", "del", "probe0"});
+    addParent("probe1");
+    HelperCommand::Result vlan =
+        ip({"link", "add", "link", "probe1", "name", "probe2", "type", "vlan", "id", "1"});
+    vlanSupported_ = vlan.status == 0;
+    vlanRefusal_ = vlan.combinedOutput();
+    ip({"link", "del", "probe2"});
+    ip({"link", "del", "probe1"});
+  }
+
+  void addParent(const std::string& name) { mustIP({"link", "add", name, "type", parentKind_}); }
+
+  TestEnvironment test;
+  NetlinkVLANConfiguration configuration;
+  std::string parentKind_;
+  bool vlanSupported_ = false;
+  std::string vlanRefusal_;
+};
+
+// For the tests, or their parts, that need kernel VLAN links.
+#define SKIP_WITHOUT_VLANS() \
+  if (!vlanSupported_)       \
+  GTEST_SKIP() << "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q): " << vlanRefusal_
+
+TEST_F(NetlinkVLANInNamespace, DISABLED_CreateListsAndDeletesKernelVLANs) {
+  SKIP_WITHOUT_VLANS();
+  addParent("eth0x");
+  addParent("eth1x");
+
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, " \tOffice net ", 42, "eth1x"), "vlan0");
+  std::string shown = details("vlan0");
+  EXPECT_NE(shown.find("vlan0@eth1x"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("vlan protocol 802.1Q id 42 "), std::string::npos) << shown;
+  EXPECT_NE(shown.find("alias Office net\n"), std::string::npos) << shown;
+  EXPECT_NE(shown.find(",UP"), std::string::npos) << shown;
+
+  // The same tag on another parent is another VLAN; a blank name sets no alias.
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "   ", 42, "eth0x"), "vlan1");
+  EXPECT_EQ(details("vlan1").find("alias"), std::string::npos);
+  EXPECT_EQ(contentOf(test.recordFile()), R"([{"bsdName":"vlan0","tag":42,"parentBSD":"eth1x"},)"
+                                          R"({"bsdName":"vlan1","tag":42,"parentBSD":"eth0x"}])");
+
+  EXPECT_EQ(
+      HelperVLAN::createdVLANs(test.env, configuration),
+      (std::vector<CreatedVLAN>{{"vlan0", 42, "eth1x", "Office net"}, {"vlan1", 42, "eth0x", ""}}));
+
+  HelperVLAN::deleteVLAN(test.env, configuration, "vlan0");
+  EXPECT_FALSE(linkExists("vlan0"));
+  EXPECT_TRUE(linkExists("vlan1"));
+  EXPECT_EQ(HelperVLAN::createdVLANs(test.env, configuration),
+            (std::vector<CreatedVLAN>{{"vlan1", 42, "eth0x", ""}}));
+
+  // The freed name is the lowest free one again.
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "", 43, "eth1x"), "vlan0");
+  EXPECT_EQ(test.logged(),
+            (std::vector<std::string>{
+                "Created VLAN vlan0 (tag 42) on eth1x.", "Created VLAN vlan1 (tag 42) on eth0x.",
+                "Deleted VLAN vlan0.", "Created VLAN vlan0 (tag 43) on eth1x."}));
+}
+
+TEST_F(NetlinkVLANInNamespace, DISABLED_VLANMadeOutsideIsListedButNotDeleted) {
+  SKIP_WITHOUT_VLANS();
+  addParent("eth2x");
+  mustIP({"link", "add", "link", "eth2x", "name", "vlan7", "type", "vlan", "id", "7"});
+
+  std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
+  ASSERT_NE(preferences, nullptr);
+  std::optional<std::vector<NetworkInterfaceID>> vlans = preferences->allVLANInterfaces();
+  ASSERT_TRUE(vlans.has_value());
+  std::optional<NetworkInterfaceID> outside;
+  for (NetworkInterfaceID id : *vlans) {
+    if (preferences->bsdName(id) == "vlan7") outside = id;
+  }
+  ASSERT_TRUE(outside.has_value());
+  EXPECT_EQ(preferences->tag(*outside), 7);
+  std::optional<NetworkInterfaceID> parent = preferences->physicalInterface(*outside);
+  ASSERT_TRUE(parent.has_value());
+  EXPECT_EQ(preferences->bsdName(*parent), "eth2x");
+  EXPECT_EQ(preferences->displayName(*outside), std::nullopt);
+
+  try {
+    HelperVLAN::deleteVLAN(test.env, configuration, "vlan7");
+    FAIL() << "expected a refusal";
+  } catch (const HelperVLAN::VLANError& error) {
+    EXPECT_STREQ(error.what(), "Tarnly's helper only removes VLANs it created.");
+  }
+  EXPECT_TRUE(linkExists("vlan7"));
+  EXPECT_EQ(test.logged(),
+            (std::vector<std::string>{"Left VLAN vlan7 alone: Tarnly's helper didn't create it."}));
+  EXPECT_TRUE(HelperVLAN::createdVLANs(test.env, configuration).empty());
+
+  // The next VLAN the helper makes takes the lowest name the outside one left free.
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "", 7, "eth2x").empty(), false);
+}
+
+TEST_F(NetlinkVLANInNamespace, DISABLED_OnlyPlainEthernetLinksCarryVLANs) {
+  addParent("eth3x");
+  mustIP({"link", "add", "br3x", "type", "bridge"});
+  mustIP({"link", "add", "link", "eth3x", "name", "mv3x", "type", "macvlan"});
+  mustIP({"tuntap", "add", "dev", "tap3x", "mode", "tap"});
+  mustIP({"tuntap", "add", "dev", "tun3x", "mode", "tun"});
+  // Kinds this kernel may lack; they are checked where it has them.
+  ip({"link", "add", "bond3x", "type", "bond"});
+  ip({"link", "add", "link", "eth3x", "name", "vlan30", "type", "vlan", "id", "30"});
+
+  std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
+  ASSERT_NE(preferences, nullptr);
+  std::optional<std::vector<NetworkInterfaceID>> physical =
+      preferences->availablePhysicalInterfaces();
+  ASSERT_TRUE(physical.has_value());
+  std::vector<std::string> available = names(*preferences, *physical);
+  EXPECT_EQ(available, std::vector<std::string>{"eth3x"});
+
+  for (const char* parent : {"eth9x", "br3x", "mv3x", "tap3x", "lo", "vlan30"}) {
+    try {
+      HelperVLAN::create(test.env, configuration, "x", 5, parent);
+      ADD_FAILURE() << "created a VLAN on " << parent;
+    } catch (const HelperVLAN::VLANError& error) {
+      EXPECT_EQ(error.kind(), HelperVLAN::VLANError::Kind::noSuchPhysicalInterface);
+      EXPECT_EQ(std::string(error.what()),
+                std::string("No physical interface named ") + parent + ".");
+    }
+  }
+  // Ids outside 802.1Q's usable range never reach the kernel.
+  for (std::int64_t tag :
+       {std::int64_t{0}, std::int64_t{4095}, std::int64_t{65536 + 5}, std::int64_t{-1}}) {
+    try {
+      HelperVLAN::create(test.env, configuration, "", tag, "eth3x");
+      ADD_FAILURE() << "created a VLAN with tag " << tag;
+    } catch (const HelperVLAN::VLANError& error) {
+      EXPECT_EQ(error.kind(), HelperVLAN::VLANError::Kind::createFailed) << tag;
+    }
+  }
+  EXPECT_FALSE(pathExists(test.recordFile()));
+
+  if (!vlanSupported_) {
+    // The kernel refuses the link when it is carried out: nothing is recorded and nothing stays.
+    try {
+      HelperVLAN::create(test.env, configuration, "Lab", 4094, "eth3x");
+      ADD_FAILURE() << "a kernel without VLANs made one";
+    } catch (const HelperVLAN::VLANError& error) {
+      EXPECT_STREQ(error.what(), "Could not save the network configuration.");
+    }
+    EXPECT_FALSE(pathExists(test.recordFile()));
+    EXPECT_FALSE(linkExists("vlan0"));
+    EXPECT_TRUE(test.logged().empty());
+    return;
+  }
+  // One VLAN per parent and tag.
+  EXPECT_THROW(HelperVLAN::create(test.env, configuration, "", 30, "eth3x"), HelperVLAN::VLANError);
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "", 4094, "eth3x"), "vlan0");
+  EXPECT_NE(details("vlan0").find("id 4094 "), std::string::npos);
+}
+
+TEST_F(NetlinkVLANInNamespace, DISABLED_CommitRefusesChangesTheKernelNoLongerAllows) {
+  addParent("eth4x");
+  addParent("eth5x");
+  std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
+  ASSERT_NE(preferences, nullptr);
+  std::optional<std::vector<NetworkInterfaceID>> physical =
+      preferences->availablePhysicalInterfaces();
+  ASSERT_TRUE(physical.has_value());
+  std::optional<NetworkInterfaceID> eth4x;
+  std::optional<NetworkInterfaceID> eth5x;
+  for (NetworkInterfaceID id : *physical) {
+    if (preferences->bsdName(id) == "eth4x") eth4x = id;
+    if (preferences->bsdName(id) == "eth5x") eth5x = id;
+  }
+  ASSERT_TRUE(eth4x && eth5x);
+
+  // A VLAN on a parent that went away in between.
+  std::optional<NetworkInterfaceID> onEth4x = preferences->createVLAN(*eth4x, 200);
+  ASSERT_TRUE(onEth4x.has_value());
+  EXPECT_EQ(preferences->bsdName(*onEth4x), "vlan0");
+  EXPECT_EQ(preferences->tag(*onEth4x), 200);
+  EXPECT_EQ(preferences->physicalInterface(*onEth4x), eth4x);
+  std::optional<std::vector<NetworkInterfaceID>> listed = preferences->allVLANInterfaces();
+  ASSERT_TRUE(listed.has_value());
+  EXPECT_EQ(names(*preferences, *listed), std::vector<std::string>{"vlan0"});
+  mustIP({"link", "del", "eth4x"});
+  EXPECT_FALSE(preferences->commit());
+  EXPECT_TRUE(preferences->apply());  // nothing was committed, so nothing is done
+  EXPECT_FALSE(linkExists("vlan0"));
+
+  // A VLAN made and removed again in the same handle is never carried out.
+  std::unique_ptr<VLANPreferences> second = configuration.createPreferences("test");
+  std::optional<std::vector<NetworkInterfaceID>> secondPhysical =
+      second->availablePhysicalInterfaces();
+  ASSERT_TRUE(secondPhysical.has_value() && secondPhysical->size() == 1);
+  std::optional<NetworkInterfaceID> dropped = second->createVLAN(secondPhysical->front(), 300);
+  ASSERT_TRUE(dropped.has_value());
+  EXPECT_TRUE(second->remove(*dropped));
+  EXPECT_FALSE(second->remove(*dropped));
+  EXPECT_TRUE(second->allVLANInterfaces()->empty());
+  EXPECT_TRUE(second->commit());
+  EXPECT_TRUE(second->apply());
+  EXPECT_FALSE(linkExists("vlan0"));
+
+  SKIP_WITHOUT_VLANS();
+  // Another program takes the planned name in between: the VLAN gets the next free one.
+  std::unique_ptr<VLANPreferences> third = configuration.createPreferences("test");
+  std::optional<std::vector<NetworkInterfaceID>> thirdPhysical =
+      third->availablePhysicalInterfaces();
+  ASSERT_TRUE(thirdPhysical.has_value() && thirdPhysical->size() == 1);
+  std::optional<NetworkInterfaceID> vlan = third->createVLAN(thirdPhysical->front(), 100);
+  ASSERT_TRUE(vlan.has_value());
+  std::string planned = third->bsdName(*vlan).value_or("");
+  addParent(planned);
+  ASSERT_TRUE(third->commit());
+  ASSERT_TRUE(third->apply());
+  std::string actual = third->bsdName(*vlan).value_or("");
+  EXPECT_NE(actual, planned);
+  EXPECT_NE(details(actual).find("id 100 "), std::string::npos);
+
+  // A VLAN removed by another program in between.
+  ASSERT_TRUE(third->remove(*vlan));
+  mustIP({"link", "del", actual});
+  EXPECT_FALSE(third->commit());
+
+  // A parent and tag that another program took meanwhile.
+  std::unique_ptr<VLANPreferences> fourth = configuration.createPreferences("test");
+  std::optional<std::vector<NetworkInterfaceID>> fourthPhysical =
+      fourth->availablePhysicalInterfaces();
+  ASSERT_TRUE(fourthPhysical.has_value());
+  std::optional<NetworkInterfaceID> onEth5x;
+  for (NetworkInterfaceID id : *fourthPhysical) {
+    if (fourth->bsdName(id) == "eth5x") onEth5x = fourth->createVLAN(id, 300);
+  }
+  ASSERT_TRUE(onEth5x.has_value());
+  std::string plannedOnEth5x = fourth->bsdName(*onEth5x).value_or("");
+  mustIP({"link", "add", "link", "eth5x", "name", "outside300", "type", "vlan", "id", "300"});
+  EXPECT_FALSE(fourth->commit());
+  EXPECT_FALSE(linkExists(plannedOnEth5x));
+}
+
+// Every descriptor of the layer is close-on-exec and closed again with its handle.
+std::vector<std::string> openDescriptors() {
+  std::vector<std::string> fds;
+  if (DIR* dir = ::opendir("/proc/self/fd")) {
+    int own = ::dirfd(dir);
+    while (dirent* entry = ::readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != ".." && name != std::to_string(own)) fds.push_back(name);
+    }
+    ::closedir(dir);
+  }
+  return fds;
+}
+
+TEST_F(NetlinkVLANInNamespace, DISABLED_SocketsAreCloseOnExecAndFreedOnEveryPath) {
+  addParent("eth6x");
+  std::vector<std::string> before = openDescriptors();
+  {
+    std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
+    ASSERT_NE(preferences, nullptr);
+    std::vector<std::string> during = openDescriptors();
+    ASSERT_GT(during.size(), before.size());
+    for (const std::string& fd : during) {
+      if (contains(before, fd)) continue;
+      int flags = ::fcntl(std::stoi(fd), F_GETFD);
+      EXPECT_TRUE(flags >= 0 && (flags & FD_CLOEXEC) != 0) << "descriptor " << fd;
+    }
+  }
+  EXPECT_EQ(openDescriptors(), before);
+
+  // Refused, failed and successful requests alike leave nothing open.
+  EXPECT_THROW(HelperVLAN::create(test.env, configuration, "", 5, "missing"),
+               HelperVLAN::VLANError);
+  EXPECT_THROW(HelperVLAN::create(test.env, configuration, "", 4095, "eth6x"),
+               HelperVLAN::VLANError);
+  EXPECT_THROW(HelperVLAN::deleteVLAN(test.env, configuration, "vlan99"), HelperVLAN::VLANError);
+  if (vlanSupported_) {
+    std::string made = HelperVLAN::create(test.env, configuration, "", 5, "eth6x");
+    EXPECT_EQ(HelperVLAN::createdVLANs(test.env, configuration).size(), 1U);
+    HelperVLAN::deleteVLAN(test.env, configuration, made);
+  } else {
+    EXPECT_THROW(HelperVLAN::create(test.env, configuration, "", 5, "eth6x"),
+                 HelperVLAN::VLANError);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+}  // namespace
