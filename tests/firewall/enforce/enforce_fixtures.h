@@ -1,0 +1,148 @@
+// Shared set-up of the enforcement tests: a temporary tree holding the state folder, the log,
+// pf.conf and the boot identifier, the pf simulator installed as pfctl, fixed host addresses, a
+// recording sleep and a stepping clock; plus builders of networks and policy documents.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "firewall/enforce/firewall_host.h"
+#include "firewall/model/firewall_json.h"
+#include "firewall/model/firewall_records.h"
+#include "platform/files.h"
+#include "platform/text.h"
+#include "service/helper_environment.h"
+#include "service/helper_log.h"
+#include "support/pf_simulator.h"
+#include "support/temp_tree.h"
+
+namespace enforce_test {
+
+inline Uuid uuidNumber(int n) {
+  Uuid uuid;
+  uuid.bytes[0] = 0xA0;
+  uuid.bytes[14] = static_cast<std::uint8_t>(n >> 8);
+  uuid.bytes[15] = static_cast<std::uint8_t>(n);
+  return uuid;
+}
+
+// A network with a gateway and one inbound tcp rule (port 22), default inbound deny.
+inline FirewallNetworkPolicy network(int id, std::string name, std::string subnet) {
+  FirewallNetworkPolicy n;
+  n.networkID = uuidNumber(id);
+  n.name = std::move(name);
+  n.subnetCIDR = std::move(subnet);
+  if (auto parsed = n.subnetCIDR.rfind(".0/"); parsed != std::string::npos) {
+    n.gatewayIPv4 = n.subnetCIDR.substr(0, parsed) + ".1";
+  }
+  n.dnsProxyEnabled = true;
+  n.policy.enabled = true;
+  n.policy.defaultInbound = FirewallRule::Action::deny;
+  n.policy.defaultOutbound = FirewallRule::Action::allow;
+  FirewallRule ssh;
+  ssh.id = uuidNumber(10000 + id);
+  ssh.direction = FirewallRule::Direction::inbound;
+  ssh.action = FirewallRule::Action::allow;
+  ssh.proto = FirewallRule::Proto::tcp;
+  ssh.remoteCIDR = "any";
+  ssh.ports = "22";
+  n.policy.rules.push_back(ssh);
+  return n;
+}
+
+inline std::string document(const std::vector<FirewallNetworkPolicy>& networks) {
+  return FirewallJSON::encode(networks).dump();
+}
+
+using Runs = std::vector<std::vector<std::string>>;
+
+inline const std::string kAnchor = "com.apple/900.tarnly.firewall";
+inline const std::vector<std::string> kStatusInfo = {"-si"};
+inline const std::vector<std::string> kAnchorListing = {"-a", kAnchor, "-sr"};
+inline const std::string kBootID = "6c0a3a8e-2b1f-4f39-9b3c-7c1d5e2f8a90";
+
+class EnforceTest : public ::testing::Test {
+ protected:
+  EnforceTest()
+      : paths(testPaths(tree)),
+        log(paths.logFile, paths.rotatedLogFile),
+        env{paths, [this] { return tick(); }, log},
+        pf(TARNLY_PFSIM_PATH, paths.pfctl, tree.path("pfsim")),
+        host{env, [this] { return hostAddresses; },
+             [this](std::chrono::microseconds duration) {
+               std::lock_guard<std::mutex> guard(sleepsLock);
+               sleeps.push_back(duration);
+             }} {
+    setBootID(kBootID);
+  }
+
+  // Log messages without their time stamps.
+  std::vector<std::string> logLines() const {
+    std::vector<std::string> lines;
+    for (std::string_view line : split(readFile(paths.logFile).value_or(""), '\n', false)) {
+      // "2026-11-16T20:51:26Z " is 21 bytes.
+      lines.emplace_back(line.size() > 21 ? line.substr(21) : line);
+    }
+    return lines;
+  }
+
+  bool logged(const std::string& message) const {
+    for (const std::string& line : logLines()) {
+      if (line == message) return true;
+    }
+    return false;
+  }
+
+  // How often pfctl ran with exactly these arguments.
+  size_t runsOf(const std::vector<std::string>& arguments) const {
+    size_t count = 0;
+    for (const auto& run : pf.invocations()) count += run == arguments ? 1 : 0;
+    return count;
+  }
+
+  std::string state(const std::string& name) const { return paths.state(name); }
+
+  void setBootID(const std::string& id) const { tree.write("proc/boot_id", id + "\n"); }
+
+  static HostPaths testPaths(const TempTree& tree) {
+    HostPaths result;
+    result.stateDirectory = tree.path("Library/Application Support/Tarnly");
+    result.logFile = tree.path("var/log/tarnly-adminhelper.log");
+    result.rotatedLogFile = tree.path("var/log/tarnly-adminhelper.log.1");
+    result.pfctl = tree.path("sbin/pfctl");
+    result.pfConf = tree.path("etc/pf.conf");
+    result.legacyAnchorFile = tree.path("etc/pf.anchors/com.tarnly.firewall");
+    result.bootID = tree.path("proc/boot_id");
+    createDirectories(tree.path("var/log"));
+    createDirectories(tree.path("sbin"));
+    createDirectories(tree.path("pfsim"));
+    return result;
+  }
+
+  // Every reading is one second after the previous one, so a later apply is always later.
+  TimePoint tick() { return TimePoint(std::chrono::seconds(1'800'000'000 + seconds.fetch_add(1))); }
+
+  TempTree tree;
+  HostPaths paths;
+  HelperLog log;
+  std::atomic<long long> seconds{0};
+  HelperEnvironment env;
+  PfSimulator pf;
+  // The machine's own addresses: en0 on 192.168.1.0/24 (which refuses overlapping networks) and
+  // bridge100 holding the gateway of 192.168.64.0/24.
+  std::vector<NetworkFirewall::HostAddress> hostAddresses = {
+      {"lo0", {127, 0, 0, 1}, 8},
+      {"en0", {192, 168, 1, 20}, 24},
+      {"bridge100", {192, 168, 64, 1}, 24},
+  };
+  std::mutex sleepsLock;
+  std::vector<std::chrono::microseconds> sleeps;
+  FirewallHost host;
+};
+
+}  // namespace enforce_test
