@@ -40,8 +40,9 @@ std::string lastComponent(std::string_view path) {
 
 // The folder components of a link below /usr: "/usr/local/bin/x" gives local, bin.
 std::vector<std::string> folderComponentsBelowUsr(std::string_view linkPath) {
+  const std::string folder = parentPath(std::string(linkPath));
   std::vector<std::string> components;
-  for (std::string_view piece : split(parentPath(std::string(linkPath)), '/', false)) {
+  for (std::string_view piece : split(folder, '/', false)) {
     components.emplace_back(piece);
   }
   if (!components.empty()) components.erase(components.begin());
