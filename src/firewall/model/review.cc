@@ -61,6 +61,14 @@ void appendDecimal(std::string& out, unsigned value) {
 
 }  // namespace
 
+std::string_view trimmedField(std::string_view text) {
+  // A printable ASCII character other than the space is never trimmed; anything else (blanks,
+  // tabs, bytes of multi-byte characters) goes through the full test.
+  auto kept = [](char c) { return c > ' ' && c < 0x7F; };
+  if (text.empty() || (kept(text.front()) && kept(text.back()))) return text;
+  return trimSpaces(text);
+}
+
 std::optional<std::array<std::uint8_t, 4>> parseIPv4(std::string_view text) {
   // The longest acceptable text is 255.255.255.255; an embedded NUL would end the text early.
   char buffer[INET_ADDRSTRLEN];
@@ -77,7 +85,7 @@ std::optional<std::array<std::uint8_t, 4>> parseIPv4(std::string_view text) {
 }
 
 std::optional<ParsedCIDR> parseCIDR(std::string_view text) {
-  text = trimSpaces(text);
+  text = trimmedField(text);
   const std::size_t slash = text.find('/');
   std::string_view addressText = text.substr(0, slash);
   std::optional<std::array<std::uint8_t, 4>> address = parseIPv4(addressText);
@@ -139,8 +147,22 @@ std::string dottedQuad(std::span<const std::uint8_t> bytes) {
   return out;
 }
 
-std::optional<std::string> subnetProblem(std::string_view subnet,
-                                         const std::vector<HostAddress>& hosts) {
+namespace {
+
+// The host addresses the overlap test looks at: IPv4 ones, virtual networks' bridges left out.
+std::vector<const HostAddress*> ownIPv4Networks(const std::vector<HostAddress>& hosts) {
+  std::vector<const HostAddress*> considered;
+  for (const HostAddress& host : hosts) {
+    if (host.bytes.size() == 4 && !isVirtualNetworkBridge(host.interface)) {
+      considered.push_back(&host);
+    }
+  }
+  return considered;
+}
+
+// subnetProblem over host addresses already narrowed by ownIPv4Networks.
+std::optional<std::string> subnetProblemAmong(std::string_view subnet,
+                                              const std::vector<const HostAddress*>& considered) {
   std::optional<std::string> canonical = canonicalSubnet(subnet);
   std::optional<ParsedCIDR> parsed = canonical ? parseCIDR(*canonical) : std::nullopt;
   if (!parsed) {
@@ -151,21 +173,30 @@ std::optional<std::string> subnetProblem(std::string_view subnet,
         "192.168.0.0/16), so its rules can't be keyed on it.";
     return problem;
   }
-  for (const HostAddress& host : hosts) {
-    if (host.bytes.size() != 4 || isVirtualNetworkBridge(host.interface)) continue;
-    if (prefixesMatch(host.bytes, parsed->address,
-                      std::min(host.prefixLength, parsed->prefixLength))) {
-      return *canonical + " overlaps " + host.interface + " (" + dottedQuad(host.bytes) +
+  for (const HostAddress* host : considered) {
+    if (prefixesMatch(host->bytes, parsed->address,
+                      std::min(host->prefixLength, parsed->prefixLength))) {
+      return *canonical + " overlaps " + host->interface + " (" + dottedQuad(host->bytes) +
              "), one of this Mac's own networks; rules there would cut the Mac off from it.";
     }
   }
   return std::nullopt;
 }
 
+}  // namespace
+
+std::optional<std::string> subnetProblem(std::string_view subnet,
+                                         const std::vector<HostAddress>& hosts) {
+  return subnetProblemAmong(subnet, ownIPv4Networks(hosts));
+}
+
 std::optional<std::string> normalizedRemote(std::string_view text) {
-  const std::string lowered = asciiLowercased(trimSpaces(text));
-  if (lowered.empty() || lowered == "any") return std::string("any");
-  std::optional<ParsedCIDR> parsed = parseCIDR(lowered);
+  // Letters matter only for "any": an address or CIDR has none, so it is parsed as it stands.
+  const std::string_view trimmed = trimmedField(text);
+  if (trimmed.empty() || (trimmed.size() == 3 && asciiLowercased(trimmed) == "any")) {
+    return std::string("any");
+  }
+  std::optional<ParsedCIDR> parsed = parseCIDR(trimmed);
   if (!parsed) return std::nullopt;
   std::string out = dottedQuad(parsed->address);
   out += '/';
@@ -174,7 +205,7 @@ std::optional<std::string> normalizedRemote(std::string_view text) {
 }
 
 std::optional<std::string> normalizedPorts(std::string_view text) {
-  text = trimSpaces(text);
+  text = trimmedField(text);
   if (text.empty()) return std::nullopt;
   std::size_t pieces = 0;
   std::size_t kept = 0;
@@ -207,7 +238,7 @@ std::optional<std::string> ruleProblem(const FirewallRule& rule) {
   if (!normalizedRemote(rule.remoteCIDR)) {
     return "\"" + rule.remoteCIDR + "\" isn't an IPv4 address or CIDR (such as 10.0.0.0/8).";
   }
-  if (FirewallRule::carriesPorts(rule.proto) && !trimSpaces(rule.ports).empty() &&
+  if (FirewallRule::carriesPorts(rule.proto) && !trimmedField(rule.ports).empty() &&
       !normalizedPorts(rule.ports)) {
     return "\"" + rule.ports + "\" isn't a port or port range (1-65535, such as 443 or 8000-8080).";
   }
@@ -234,9 +265,10 @@ Review review(const std::vector<FirewallNetworkPolicy>& networks,
               const std::vector<HostAddress>& hosts) {
   Review out;
   out.enforceable.reserve(networks.size());
+  const std::vector<const HostAddress*> considered = ownIPv4Networks(hosts);
   for (const FirewallNetworkPolicy& network : networks) {
     if (!network.policy.enabled) continue;
-    if (std::optional<std::string> problem = subnetProblem(network.subnetCIDR, hosts)) {
+    if (std::optional<std::string> problem = subnetProblemAmong(network.subnetCIDR, considered)) {
       out.refused.push_back({network.networkID, network.name, std::move(*problem)});
       continue;
     }

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <span>
+#include <unordered_map>
 
 #include "firewall/model/one_line.h"
 #include "platform/text.h"
@@ -33,7 +35,7 @@ void appendRuleLines(std::string& out, const FirewallRule& rule, std::string_vie
   std::optional<std::string> remote = normalizedRemote(rule.remoteCIDR);
   if (!remote) return;
   std::optional<std::string> ports;
-  if (FirewallRule::carriesPorts(rule.proto) && !trimSpaces(rule.ports).empty()) {
+  if (FirewallRule::carriesPorts(rule.proto) && !trimmedField(rule.ports).empty()) {
     ports = normalizedPorts(rule.ports);
     if (!ports) return;
   }
@@ -183,6 +185,28 @@ std::optional<std::string> defaultGateway(std::string_view subnet) {
   return dottedQuad(parsed->address);
 }
 
+namespace {
+
+std::uint32_t addressKey(std::span<const std::uint8_t> bytes) {
+  return (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
+         (std::uint32_t{bytes[2]} << 8) | std::uint32_t{bytes[3]};
+}
+
+// The bridges among the host addresses, by the IPv4 address they hold: sorted and distinct.
+std::unordered_map<std::uint32_t, std::vector<std::string>> bridgesByAddress(
+    const std::vector<HostAddress>& hosts) {
+  std::unordered_map<std::uint32_t, std::vector<std::string>> index;
+  for (const HostAddress& host : hosts) {
+    if (host.bytes.size() == 4 && isBridgeName(host.interface)) {
+      index[addressKey(host.bytes)].push_back(host.interface);
+    }
+  }
+  for (auto& entry : index) entry.second = sortedDistinct(std::move(entry.second));
+  return index;
+}
+
+}  // namespace
+
 std::vector<std::string> bridgesCarrying(std::string_view address,
                                          const std::vector<HostAddress>& hosts) {
   std::optional<std::array<std::uint8_t, 4>> bytes = parseIPv4(address);
@@ -200,6 +224,8 @@ std::vector<std::string> bridgesCarrying(std::string_view address,
 
 IPv6DropMap ipv6DropInterfaces(const std::vector<FirewallNetworkPolicy>& networks,
                                const std::vector<HostAddress>& hosts) {
+  // Same answers as bridgesCarrying for each network, with the hosts indexed once.
+  const auto bridges = bridgesByAddress(hosts);
   IPv6DropMap drops;
   for (const FirewallNetworkPolicy& network : networks) {
     if (!network.policy.enabled || network.keepsIPv6.value_or(false)) continue;
@@ -207,8 +233,10 @@ IPv6DropMap ipv6DropInterfaces(const std::vector<FirewallNetworkPolicy>& network
     std::optional<std::string> gateway =
         network.gatewayIPv4 ? network.gatewayIPv4 : defaultGateway(network.subnetCIDR);
     if (!gateway) continue;
-    std::vector<std::string> bridges = bridgesCarrying(*gateway, hosts);
-    if (!bridges.empty()) drops[network.networkID] = std::move(bridges);
+    std::optional<std::array<std::uint8_t, 4>> address = parseIPv4(*gateway);
+    if (!address) continue;
+    auto found = bridges.find(addressKey(*address));
+    if (found != bridges.end()) drops[network.networkID] = found->second;
   }
   return drops;
 }
@@ -254,7 +282,7 @@ std::string rulesetDigest(std::string_view text) {
     const std::size_t end = text.find('\n', start);
     const std::string_view piece =
         text.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
-    const std::string_view trimmed = trimSpaces(piece);
+    const std::string_view trimmed = trimmedField(piece);
     if (trimmed.empty() || trimmed.front() != '#') {
       if (!first) sha.update("\n");
       sha.update(piece);

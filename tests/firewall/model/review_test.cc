@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "model_fixtures.h"
+#include "platform/text.h"
 
 namespace {
 
@@ -32,6 +33,14 @@ TEST(IPv4Text, ParseIPv4TakesExactlyFourDecimalOctets) {
     EXPECT_FALSE(parseIPv4(bad)) << bad;
   }
   EXPECT_FALSE(parseIPv4(std::string_view("1.2.3.4\0x", 9)));
+}
+
+TEST(IPv4Text, TrimmedFieldAgreesWithTheFullTrim) {
+  for (std::string_view text :
+       {"", " ", "a", "10.0.0.0/8", " 10.0.0.0/8", "10.0.0.0/8\t", "\u00A0443", "443\u3000",
+        "\u00E9", "x\u00A0", "\n#", "# c", "\t# c ", "\x7F", "a\r", "\xFF", "\xC2\xA0\xC2"}) {
+    EXPECT_EQ(trimmedField(text), trimSpaces(text)) << text;
+  }
 }
 
 TEST(IPv4Text, ParseCIDRTrimsAndReadsOneOrTwoDigitPrefixes) {
