@@ -19,6 +19,7 @@ std::size_t std::hash<CreatedVLAN>::operator()(const CreatedVLAN& vlan) const no
 std::string encodeCreatedVLANs(const std::vector<CreatedVLAN>& vlans) {
   nlohmann::ordered_json array = nlohmann::ordered_json::array();
   for (const CreatedVLAN& vlan : vlans) {
+    // cppcheck-suppress useStlAlgorithm
     array.push_back({{"bsdName", vlan.bsdName},
                      {"tag", vlan.tag},
                      {"parentBSD", vlan.parentBSD},

@@ -17,16 +17,15 @@ std::unique_ptr<VLANPreferences> openPreferences(VLANConfiguration& configuratio
   return preferences;
 }
 
-// The first VLAN-capable interface named `parentBSD`, in the system's order.
-std::optional<NetworkInterfaceID> findPhysicalInterface(VLANPreferences& preferences,
-                                                        const std::string& parentBSD) {
-  std::optional<std::vector<NetworkInterfaceID>> interfaces =
-      preferences.availablePhysicalInterfaces();
+// The first of `interfaces` (when there is a list) whose BSD name is `name`.
+std::optional<NetworkInterfaceID> findNamed(
+    VLANPreferences& preferences, const std::optional<std::vector<NetworkInterfaceID>>& interfaces,
+    const std::string& name) {
   if (!interfaces) return std::nullopt;
-  for (NetworkInterfaceID interface : *interfaces) {
-    if (preferences.bsdName(interface) == parentBSD) return interface;
-  }
-  return std::nullopt;
+  auto found = std::find_if(interfaces->begin(), interfaces->end(),
+                            [&](NetworkInterfaceID id) { return preferences.bsdName(id) == name; });
+  if (found == interfaces->end()) return std::nullopt;
+  return *found;
 }
 
 // The VLAN as a record would describe it: its tag (-1 when unknown) and its parent's BSD name
@@ -54,7 +53,8 @@ std::string create(const HelperEnvironment& env, VLANConfiguration& configuratio
   std::lock_guard<std::mutex> guard(recordFileLock());
   std::unique_ptr<VLANPreferences> preferences = openPreferences(configuration);
 
-  std::optional<NetworkInterfaceID> parent = findPhysicalInterface(*preferences, parentBSD);
+  std::optional<NetworkInterfaceID> parent =
+      findNamed(*preferences, preferences->availablePhysicalInterfaces(), parentBSD);
   if (!parent) throw VLANError::noSuchPhysicalInterface(parentBSD);
 
   std::optional<NetworkInterfaceID> vlan = preferences->createVLAN(*parent, tag);
@@ -65,7 +65,7 @@ std::string create(const HelperEnvironment& env, VLANConfiguration& configuratio
 
   if (!preferences->commit() || !preferences->apply()) throw VLANError::commitFailed();
 
-  const std::string bsdName = preferences->bsdName(*vlan).value_or("");
+  std::string bsdName = preferences->bsdName(*vlan).value_or("");
   env.log.write("Created VLAN " + bsdName + " (tag " + std::to_string(tag) + ") on " + parentBSD +
                 ".");
 
@@ -94,15 +94,8 @@ void deleteVLAN(const HelperEnvironment& env, VLANConfiguration& configuration,
   std::lock_guard<std::mutex> guard(recordFileLock());
   std::unique_ptr<VLANPreferences> preferences = openPreferences(configuration);
 
-  std::optional<NetworkInterfaceID> vlan;
-  if (std::optional<std::vector<NetworkInterfaceID>> all = preferences->allVLANInterfaces()) {
-    for (NetworkInterfaceID interface : *all) {
-      if (preferences->bsdName(interface) == bsdName) {
-        vlan = interface;
-        break;
-      }
-    }
-  }
+  std::optional<NetworkInterfaceID> vlan =
+      findNamed(*preferences, preferences->allVLANInterfaces(), bsdName);
   if (!vlan) throw VLANError::notFound(bsdName);
 
   const Record current = describe(*preferences, *vlan, bsdName);

@@ -26,6 +26,7 @@ std::mutex& recordFileLock() {
 std::string encodeRecords(const std::vector<Record>& records) {
   nlohmann::ordered_json array = nlohmann::ordered_json::array();
   for (const Record& record : records) {
+    // cppcheck-suppress useStlAlgorithm
     array.push_back(
         {{"bsdName", record.bsdName}, {"tag", record.tag}, {"parentBSD", record.parentBSD}});
   }

@@ -1,7 +1,7 @@
 #include "platform/netlink_vlan_configuration.h"
 
-#include <net/if_arp.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <netlink/cache.h>
 #include <netlink/netlink.h>
 #include <netlink/route/link.h>
@@ -272,7 +272,7 @@ class NetlinkVLANPreferences final : public VLANPreferences {
 
   struct Change {
     enum Kind { Remove, Create, Alias } kind;
-    NetworkInterfaceID interface;
+    NetworkInterfaceID interface;  // cppcheck-suppress unusedStructMember
   };
 
   // Reads the link table once; false (and another try next time) when it cannot be read.

@@ -118,10 +118,10 @@ TEST(CreatedVLANJSON, BytesThatAreNotUTF8NeverFailTheEncoding) {
 
 TEST(CreatedVLANJSON, EqualValuesHashAlike) {
   CreatedVLAN a{"vlan0", 5, "en0", "A"};
-  CreatedVLAN b = a;
+  const CreatedVLAN b{"vlan0", 5, "en0", "A"};
   EXPECT_EQ(a, b);
   EXPECT_EQ(std::hash<CreatedVLAN>{}(a), std::hash<CreatedVLAN>{}(b));
-  for (CreatedVLAN other :
+  for (const CreatedVLAN& other :
        {CreatedVLAN{"vlan1", 5, "en0", "A"}, CreatedVLAN{"vlan0", 6, "en0", "A"},
         CreatedVLAN{"vlan0", 5, "en1", "A"}, CreatedVLAN{"vlan0", 5, "en0", ""}}) {
     EXPECT_NE(a, other);
