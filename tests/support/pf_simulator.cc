@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -61,9 +60,9 @@ std::string anchorFileName(const std::string& anchor) {
     if (plain) {
       name += static_cast<char>(c);
     } else {
-      char escaped[4];
-      std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-      name += escaped;
+      name += '%';
+      name += "0123456789ABCDEF"[c >> 4];
+      name += "0123456789ABCDEF"[c & 15];
     }
   }
   return name;
@@ -71,11 +70,10 @@ std::string anchorFileName(const std::string& anchor) {
 
 // Invocation records are lines of the log; the count already seen is kept in the caller.
 std::vector<std::string> logLines(const std::string& directory) {
-  std::vector<std::string> lines;
   auto text = readFile(directory + "/invocations.jsonl");
-  if (!text) return lines;
-  for (std::string_view line : split(*text, '\n', false)) lines.emplace_back(line);
-  return lines;
+  if (!text) return {};
+  auto lines = split(*text, '\n', false);
+  return {lines.begin(), lines.end()};
 }
 
 }  // namespace
@@ -151,11 +149,10 @@ void PfSimulator::addState(const std::string& from, const std::string& to) {
 
 std::vector<std::string> PfSimulator::states() const {
   FolderLock lock(stateDirectory_);
-  std::vector<std::string> result;
   auto text = readFile(stateDirectory_ + "/states");
-  if (!text) return result;
-  for (std::string_view line : split(*text, '\n', false)) result.emplace_back(line);
-  return result;
+  if (!text) return {};
+  auto lines = split(*text, '\n', false);
+  return {lines.begin(), lines.end()};
 }
 
 void PfSimulator::setMainRuleset(const std::string& text) {

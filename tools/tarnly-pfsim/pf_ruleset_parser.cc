@@ -1,6 +1,7 @@
 #include "pf_ruleset_parser.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace {
@@ -13,10 +14,8 @@ constexpr std::string_view keywords[] = {"pass", "block", "drop",  "in",  "out",
 constexpr int maximumListDepth = 16;
 
 bool isKeyword(std::string_view word) {
-  for (std::string_view keyword : keywords) {
-    if (word == keyword) return true;
-  }
-  return false;
+  return std::any_of(std::begin(keywords), std::end(keywords),
+                     [word](std::string_view keyword) { return word == keyword; });
 }
 
 bool isDigit(char c) {
@@ -188,8 +187,9 @@ class RuleReader {
     }
     if (rule.inet6) {
       for (const PfEndpoint* side : {&rule.from, &rule.to}) {
-        for (const PfAddress& address : side->addresses) {
-          if (!address.any) throw Refusal{"rule expands to no valid combination"};
+        if (!std::all_of(side->addresses.begin(), side->addresses.end(),
+                         [](const PfAddress& address) { return address.any; })) {
+          throw Refusal{"rule expands to no valid combination"};
         }
       }
     }
@@ -200,10 +200,8 @@ class RuleReader {
 };
 
 std::string dottedQuad(uint32_t address) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%u.%u.%u.%u", (address >> 24) & 255, (address >> 16) & 255,
-                (address >> 8) & 255, address & 255);
-  return text;
+  return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 255) + "." +
+         std::to_string((address >> 8) & 255) + "." + std::to_string(address & 255);
 }
 
 // pf's form of an address: `any` for any and 0.0.0.0/0, no suffix for a single host.

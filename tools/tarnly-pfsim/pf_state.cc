@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "platform/files.h"
@@ -24,9 +23,9 @@ std::string pfAnchorFileName(const std::string& anchor) {
     if (plain) {
       name += static_cast<char>(c);
     } else {
-      char escaped[4];
-      std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-      name += escaped;
+      name += '%';
+      name += "0123456789ABCDEF"[c >> 4];
+      name += "0123456789ABCDEF"[c & 15];
     }
   }
   return name;
@@ -113,7 +112,9 @@ std::vector<PfConnection> PfState::connections() const {
 
 void PfState::setConnections(const std::vector<PfConnection>& connections) {
   std::string text;
-  for (const auto& [from, to] : connections) text += from + " " + to + "\n";
+  for (const auto& [from, to] : connections) {
+    text.append(from).append(" ").append(to).append("\n");
+  }
   writeFileAtomically(path("states"), text, 0644);
 }
 
