@@ -278,9 +278,12 @@ TEST_F(HelperVLANTest, ConcurrentCreatesAndDeletesLoseNoRecord) {
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < kPerThread; ++i) {
-        std::string name = create("", 100 * t + i, t % 2 == 0 ? "en0" : "en1");
+        std::string name;
+        EXPECT_NO_THROW(name = create("", 100 * t + i, t % 2 == 0 ? "en0" : "en1"));
         // Every other VLAN is deleted again right away.
-        if (i % 2 == 1) remove(name);
+        if (i % 2 == 1) {
+          EXPECT_NO_THROW(remove(name)) << name;
+        }
         EXPECT_THROW(remove("vlan99"), VLANError);
         HelperVLAN::removeRecordFileIfEmpty(test.env);
         list();
