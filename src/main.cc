@@ -14,13 +14,13 @@
 
 int main(int argc, char** argv) {
   // A client that closes its connection must not end the helper.
-  ::signal(SIGPIPE, SIG_IGN);
+  (void)::signal(SIGPIPE, SIG_IGN);
 
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   HostPaths paths;
   paths.executable = currentExecutablePath();
   // Never destroyed: the helper's exits must not run destructors under live threads.
-  auto* log = new HelperLog(paths.logFile, paths.rotatedLogFile, systemNow);
-  auto* env = new HelperEnvironment{paths, systemNow, *log};
+  static HelperLog* const log = new HelperLog(paths.logFile, paths.rotatedLogFile, systemNow);
+  static const HelperEnvironment* const env = new HelperEnvironment{paths, systemNow, *log};
   return HelperCommandLine::run(arguments, ::getuid(), FirewallHost{*env}, std::cout, std::cerr);
 }

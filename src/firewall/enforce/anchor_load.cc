@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <set>
 
 #include "firewall/enforce/firewall_state.h"
@@ -25,9 +26,9 @@ std::string loadSummary(const std::vector<FirewallNetworkPolicy>& policies, size
   if (policies.empty()) {
     summary = "No networks have an enabled firewall - the anchor is empty.";
   } else {
-    std::vector<std::string> names;
-    names.reserve(policies.size());
-    for (const FirewallNetworkPolicy& policy : policies) names.push_back(policy.name);
+    std::vector<std::string> names(policies.size());
+    std::transform(policies.begin(), policies.end(), names.begin(),
+                   [](const FirewallNetworkPolicy& policy) { return policy.name; });
     summary = "Enforcing " + std::to_string(policies.size()) + " network" +
               plural(policies.size()) + " for all users: " + join(names, ", ");
   }

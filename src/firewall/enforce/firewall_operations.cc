@@ -39,9 +39,9 @@ std::string plural(size_t count) {
 }
 
 std::vector<std::string> renderedNotes(const std::vector<NetworkFirewall::Review::Note>& notes) {
-  std::vector<std::string> lines;
-  lines.reserve(notes.size());
-  for (const auto& note : notes) lines.push_back(NetworkFirewall::rendered(note));
+  std::vector<std::string> lines(notes.size());
+  std::transform(notes.begin(), notes.end(), lines.begin(),
+                 [](const auto& note) { return NetworkFirewall::rendered(note); });
   return lines;
 }
 
@@ -94,9 +94,9 @@ std::string replyText(const std::vector<FirewallNetworkPolicy>& enforceable,
   if (enforceable.empty()) {
     text = "None of your networks has an enabled firewall.";
   } else {
-    std::vector<std::string> names;
-    names.reserve(enforceable.size());
-    for (const auto& network : enforceable) names.push_back(network.name);
+    std::vector<std::string> names(enforceable.size());
+    std::transform(enforceable.begin(), enforceable.end(), names.begin(),
+                   [](const auto& network) { return network.name; });
     text = "Enforcing " + std::to_string(enforceable.size()) + " network" +
            plural(enforceable.size()) + ": " + join(names, ", ");
   }

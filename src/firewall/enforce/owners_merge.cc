@@ -8,9 +8,9 @@
 namespace NetworkFirewall::PolicyStore {
 
 std::vector<Claim> claims(const Owners& owners) {
-  std::vector<const Owners::value_type*> entries;
-  entries.reserve(owners.size());
-  for (const auto& entry : owners) entries.push_back(&entry);
+  std::vector<const Owners::value_type*> entries(owners.size());
+  std::transform(owners.begin(), owners.end(), entries.begin(),
+                 [](const auto& entry) { return &entry; });
   // The map is already in key order, so a stable sort by date keeps equal dates in key order.
   std::stable_sort(entries.begin(), entries.end(), [](const auto* a, const auto* b) {
     return a->second.appliedAt > b->second.appliedAt;
@@ -55,7 +55,10 @@ namespace NetworkFirewall {
 std::string subnetOwnersReport(const PolicyStore::Owners& owners) {
   std::vector<std::string> lines;
   for (const auto& [subnet, owner] : PolicyStore::subnetOwners(owners)) {
-    lines.push_back(subnet + " " + owner);
+    std::string line = subnet;
+    line += ' ';
+    line += owner;
+    lines.push_back(std::move(line));
   }
   return lines.empty() ? "(none)" : join(lines, "\n");
 }

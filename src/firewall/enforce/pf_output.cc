@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <vector>
 
 #include "platform/text.h"
@@ -39,10 +40,11 @@ bool isNoise(std::string_view line) {
 }  // namespace
 
 std::string pfctlErrorText(std::string_view output) {
-  std::vector<std::string> kept;
-  for (std::string_view line : split(output, '\n', false)) {
-    if (!isNoise(line)) kept.emplace_back(line);
-  }
+  std::vector<std::string_view> lines = split(output, '\n', false);
+  std::vector<std::string_view> views;
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(views),
+               [](std::string_view line) { return !isNoise(line); });
+  std::vector<std::string> kept(views.begin(), views.end());
   if (kept.empty()) return std::string(trimWhitespaceAndNewlines(output));
   return join(kept, "\n");
 }

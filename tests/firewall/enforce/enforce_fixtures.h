@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -83,26 +84,25 @@ class EnforceTest : public ::testing::Test {
 
   // Log messages without their time stamps.
   std::vector<std::string> logLines() const {
-    std::vector<std::string> lines;
-    for (std::string_view line : split(readFile(paths.logFile).value_or(""), '\n', false)) {
-      // "2026-11-16T20:51:26Z " is 21 bytes.
-      lines.emplace_back(line.size() > 21 ? line.substr(21) : line);
-    }
+    std::string text = readFile(paths.logFile).value_or("");
+    std::vector<std::string_view> raw = split(text, '\n', false);
+    std::vector<std::string> lines(raw.size());
+    // "2026-11-16T20:51:26Z " is 21 bytes.
+    std::transform(raw.begin(), raw.end(), lines.begin(), [](std::string_view line) {
+      return std::string(line.size() > 21 ? line.substr(21) : line);
+    });
     return lines;
   }
 
   bool logged(const std::string& message) const {
-    for (const std::string& line : logLines()) {
-      if (line == message) return true;
-    }
-    return false;
+    std::vector<std::string> lines = logLines();
+    return std::find(lines.begin(), lines.end(), message) != lines.end();
   }
 
   // How often pfctl ran with exactly these arguments.
   size_t runsOf(const std::vector<std::string>& arguments) const {
-    size_t count = 0;
-    for (const auto& run : pf.invocations()) count += run == arguments ? 1 : 0;
-    return count;
+    Runs runs = pf.invocations();
+    return static_cast<size_t>(std::count(runs.begin(), runs.end(), arguments));
   }
 
   std::string state(const std::string& name) const { return paths.state(name); }

@@ -213,8 +213,7 @@ TEST_F(FirewallOperations, StatusReportSectionsWithNothingEnforced) {
       "pass quick on lo0 all\n"
       "anchor \"com.apple/*\" all\n");
   std::string report = HelperFirewall::statusReport(host);
-  std::vector<std::string> lines;
-  for (auto line : split(report, '\n', true)) lines.emplace_back(line);
+  std::vector<std::string_view> lines = split(report, '\n', true);
   ASSERT_GE(lines.size(), 12u) << report;
   EXPECT_EQ(lines[0], "== pf status ==");
   EXPECT_THAT(lines[1], testing::StartsWith("Status: Disabled"));

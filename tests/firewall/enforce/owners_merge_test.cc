@@ -17,8 +17,9 @@ TimePoint at(double seconds) {
 }
 
 std::vector<std::string> names(const std::vector<FirewallNetworkPolicy>& networks) {
-  std::vector<std::string> result;
-  for (const auto& n : networks) result.push_back(n.name);
+  std::vector<std::string> result(networks.size());
+  std::transform(networks.begin(), networks.end(), result.begin(),
+                 [](const auto& n) { return n.name; });
   return result;
 }
 
