@@ -122,7 +122,7 @@ TEST_F(FirewallPreviewTool, JsonReportHoldsEverythingOnStandardOutput) {
   // Keys come in a fixed order, so that people reading the report find it the same each time.
   std::vector<std::string> keys;
   const nlohmann::ordered_json ordered = nlohmann::ordered_json::parse(result.stdout);
-  for (const auto& item : ordered.items()) keys.push_back(item.key());
+  for (auto item = ordered.begin(); item != ordered.end(); ++item) keys.push_back(item.key());
   EXPECT_EQ(keys, (std::vector<std::string>{"enforceable", "refused", "skippedRules", "ipv6Drops",
                                             "ruleset", "rulesDigest"}));
 

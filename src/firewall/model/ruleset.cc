@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <memory>
+#include <numeric>
 #include <span>
 #include <unordered_map>
 
@@ -82,6 +84,10 @@ void appendRuleLines(std::string& out, const FirewallRule& rule, std::string_vie
   }
 }
 
+void appendAll(std::string& out, std::initializer_list<std::string_view> pieces) {
+  for (std::string_view piece : pieces) out += piece;
+}
+
 // Appends the block of one network, or nothing when its policy is off or its subnet unusable.
 void appendNetwork(std::string& out, const FirewallNetworkPolicy& network,
                    const IPv6DropMap& drops) {
@@ -110,16 +116,16 @@ void appendNetwork(std::string& out, const FirewallNetworkPolicy& network,
   std::optional<std::string> dhcpGateway =
       gateway ? std::optional<std::string>(dottedQuad(*gateway)) : defaultGateway(subnet);
   if (dhcpGateway) {
-    out += "pass in quick proto udp from " + subnet + " port 68 to { " + *dhcpGateway +
-           ", 255.255.255.255 } port 67 keep state\n";
-    out += "pass out quick proto udp from " + *dhcpGateway + " port 67 to " + subnet + " port 68\n";
+    appendAll(out, {"pass in quick proto udp from ", subnet, " port 68 to { ", *dhcpGateway,
+                    ", 255.255.255.255 } port 67 keep state\n"});
+    appendAll(out, {"pass out quick proto udp from ", *dhcpGateway, " port 67 to ", subnet,
+                    " port 68\n"});
   }
   if (gateway && network.dnsProxyEnabled) {
     const std::string dns = dottedQuad(*gateway);
     for (std::string_view protocol : {"udp", "tcp"}) {
-      out += "pass in quick proto ";
-      out += protocol;
-      out += " from " + subnet + " to " + dns + "/32 port 53 keep state\n";
+      appendAll(out, {"pass in quick proto ", protocol, " from ", subnet, " to ", dns,
+                      "/32 port 53 keep state\n"});
     }
   }
 
@@ -128,22 +134,23 @@ void appendNetwork(std::string& out, const FirewallNetworkPolicy& network,
   }
 
   if (network.policy.defaultOutbound == FirewallRule::Action::allow) {
-    out += "pass in quick from " + subnet + " to any keep state\n";
+    appendAll(out, {"pass in quick from ", subnet, " to any keep state\n"});
   } else {
-    out += "block drop in quick from " + subnet + " to any\n";
+    appendAll(out, {"block drop in quick from ", subnet, " to any\n"});
   }
   if (network.policy.defaultInbound == FirewallRule::Action::allow) {
-    out += "pass out quick from any to " + subnet + " keep state\n";
+    appendAll(out, {"pass out quick from any to ", subnet, " keep state\n"});
   } else {
-    out += "block drop out quick from any to " + subnet + "\n";
+    appendAll(out, {"block drop out quick from any to ", subnet, "\n"});
   }
   out += '\n';
 }
 
 using DigestContext = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
 
-// Feeds pieces to SHA-256 and renders the result; an unavailable digest (which the library
-// never reports for SHA-256 short of memory exhaustion) yields the digest of nothing fed.
+// Feeds pieces to SHA-256 and renders the result. Should the library fail (short of memory),
+// the result is the empty text, which equals no recorded digest, so a ruleset is never taken
+// for one already loaded.
 class Sha256 {
  public:
   Sha256() : context_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
@@ -157,11 +164,11 @@ class Sha256 {
     std::array<unsigned char, EVP_MAX_MD_SIZE> sum{};
     unsigned int length = 0;
     if (!ok_ || EVP_DigestFinal_ex(context_.get(), sum.data(), &length) != 1) {
-      return "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+      return "";
     }
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string out;
-    out.reserve(length * 2);
+    out.reserve(std::size_t{length} * 2);
     for (unsigned int i = 0; i < length; ++i) {
       out += kDigits[sum[i] >> 4];
       out += kDigits[sum[i] & 0x0F];
@@ -244,15 +251,15 @@ IPv6DropMap ipv6DropInterfaces(const std::vector<FirewallNetworkPolicy>& network
 std::vector<std::string> ruleLines(const FirewallRule& rule, std::string_view subnet) {
   std::string text;
   appendRuleLines(text, rule, subnet);
-  std::vector<std::string> lines;
-  for (std::string_view line : split(text, '\n', false)) lines.emplace_back(line);
-  return lines;
+  const std::vector<std::string_view> pieces = split(text, '\n', false);
+  return std::vector<std::string>(pieces.begin(), pieces.end());
 }
 
 std::string ruleset(const std::vector<FirewallNetworkPolicy>& networks, const IPv6DropMap& drops,
                     TimePoint generatedAt) {
-  std::size_t rules = 0;
-  for (const FirewallNetworkPolicy& network : networks) rules += network.policy.rules.size();
+  const std::size_t rules = std::accumulate(
+      networks.begin(), networks.end(), std::size_t{0},
+      [](std::size_t sum, const FirewallNetworkPolicy& n) { return sum + n.policy.rules.size(); });
   std::string out;
   out.reserve(256 + networks.size() * 640 + rules * 96);
   out += "# Tarnly network firewall - generated ";

@@ -30,7 +30,8 @@ std::vector<std::string> ruleLines(const FirewallRule& rule, std::string_view su
 // The whole anchor text; `generatedAt` stamps the header comment.
 std::string ruleset(const std::vector<FirewallNetworkPolicy>& networks, const IPv6DropMap& drops,
                     TimePoint generatedAt);
-// SHA-256 of the UTF-8 bytes, 64 lower-case hexadecimal digits.
+// SHA-256 of the UTF-8 bytes, 64 lower-case hexadecimal digits (empty only if the crypto library
+// fails, which matches no recorded digest).
 std::string digest(std::string_view text);
 // digest of the text without its comment lines (trimmed form starting with "#").
 std::string rulesetDigest(std::string_view text);

@@ -31,11 +31,9 @@ HostAddress host(std::string interface, std::vector<std::uint8_t> bytes, int pre
 Lines bodyLines(const std::string& text) {
   EXPECT_EQ(text.substr(0, kHeader.size()), kHeader);
   EXPECT_EQ(text.back(), '\n');
-  Lines lines;
   const std::string body = text.substr(kHeader.size());
-  for (std::string_view line : split(body, '\n', true)) {
-    lines.emplace_back(line);
-  }
+  const std::vector<std::string_view> pieces = split(body, '\n', true);
+  Lines lines(pieces.begin(), pieces.end());
   lines.pop_back();  // after the final line feed
   return lines;
 }
