@@ -167,7 +167,9 @@ TEST_F(PfSimulatorTest, RefusesLinesOutsideTheGrammarNamingTheLineAndKeepsTheOld
       {"block drop quick inet6 from 10.0.0.1 to any", "rule expands to no valid combination"},
   };
   for (const Case& c : cases) {
-    auto result = load("# header\n" + kept + c.line + "\n" + kept);
+    std::string text = "# header\n" + kept;
+    text.append(c.line).append("\n").append(kept);
+    auto result = load(text);
     EXPECT_EQ(result.status, 1) << c.line;
     EXPECT_EQ(result.stdout, "") << c.line;
     EXPECT_EQ(result.stderr, rules + ":3: " + c.message + "\n" + refusedTail) << c.line;
@@ -320,6 +322,7 @@ TEST_F(PfSimulatorTest, ConcurrentRunsShareOneConsistentState) {
   std::vector<HelperCommand::Result> loads(runs);
   std::vector<HelperCommand::Result> kills(runs);
   std::vector<std::thread> threads;
+  threads.reserve(runs);
   for (int i = 0; i < runs; ++i) {
     threads.emplace_back([&, i] {
       loads[i] = pfctl({"-a", anchor, "-f", file});
