@@ -4,5 +4,5 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-scripts/build.sh build tarnly-firewall-preview
+scripts/build.sh build "" tarnly-firewall-preview
 build/tarnly-firewall-preview samples/policy.json
