@@ -335,14 +335,21 @@ class NetlinkVLANPreferences final : public VLANPreferences {
     rtnl_link_set_name(link.get(), entry.name.c_str());
     rtnl_link_set_link(link.get(), parent.index);
     if (rtnl_link_vlan_set_id(link.get(), static_cast<std::uint16_t>(*entry.tag)) < 0) return false;
-    rtnl_link_set_flags(link.get(), IFF_UP);
     if (rtnl_link_add(socket_.get(), link.get(), NLM_F_CREATE | NLM_F_EXCL) < 0) return false;
     rtnl_link* raw = nullptr;
     if (rtnl_link_get_kernel(socket_.get(), 0, entry.name.c_str(), &raw) < 0) return false;
     Link created(raw);
     entry.index = rtnl_link_get_ifindex(created.get());
     entry.status = Status::Existing;
-    return !entry.alias || changeAlias(created.get(), *entry.alias);
+    if (entry.alias && !changeLink(created.get(), [&](rtnl_link* changes) {
+          rtnl_link_set_ifalias(changes, entry.alias->c_str());
+        })) {
+      return false;
+    }
+    // Up like a configured interface; the kernel refuses while the parent is down, and then the
+    // VLAN stays down until someone brings it up.
+    changeLink(created.get(), [](rtnl_link* changes) { rtnl_link_set_flags(changes, IFF_UP); });
+    return true;
   }
 
   bool setAlias(const Entry& entry) {
@@ -350,13 +357,17 @@ class NetlinkVLANPreferences final : public VLANPreferences {
     Link original(rtnl_link_alloc());
     if (!original) return false;
     rtnl_link_set_ifindex(original.get(), entry.index);
-    return changeAlias(original.get(), *entry.alias);
+    return changeLink(original.get(), [&](rtnl_link* changes) {
+      rtnl_link_set_ifalias(changes, entry.alias->c_str());
+    });
   }
 
-  bool changeAlias(rtnl_link* original, const std::string& alias) {
+  // Sends the changes `edit` makes to an empty link object for the link `original`.
+  template <typename Edit>
+  bool changeLink(rtnl_link* original, Edit edit) {
     Link changes(rtnl_link_alloc());
     if (!changes) return false;
-    rtnl_link_set_ifalias(changes.get(), alias.c_str());
+    edit(changes.get());
     return rtnl_link_change(socket_.get(), original, changes.get(), 0) >= 0;
   }
 

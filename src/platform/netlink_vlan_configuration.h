@@ -18,6 +18,7 @@ class NetlinkVLANConfiguration final : public VLANConfiguration {
   // with its own changes. `commit` checks the changes against the links as they are then (the
   // parent still there, the VLAN to remove still there, no link with the new name or the same
   // parent and tag; a taken vlan<N> name is replaced by the lowest free one); `apply` carries out
-  // what was committed: removals, then new VLAN links (brought up, alias set), then new aliases.
+  // what was committed: removals, then new VLAN links (alias set; brought up unless the parent is
+  // down), then new aliases.
   std::unique_ptr<VLANPreferences> createPreferences(const std::string& client) override;
 };

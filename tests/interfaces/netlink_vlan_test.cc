@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -49,6 +50,16 @@ std::vector<std::string> names(VLANPreferences& preferences,
   result.reserve(ids.size());
   for (NetworkInterfaceID id : ids) result.push_back(preferences.bsdName(id).value_or("<none>"));
   return result;
+}
+
+// The message of the VLANError the call throws, or "<no error>".
+std::string errorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const HelperVLAN::VLANError& error) {
+    return error.what();
+  }
+  return "<no error>";
 }
 
 bool contains(const std::vector<std::string>& list, const std::string& item) {
@@ -140,6 +151,7 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_CreateListsAndDeletesKernelVLANs) {
   SKIP_WITHOUT_VLANS();
   addParent("eth0x");
   addParent("eth1x");
+  mustIP({"link", "set", "eth1x", "up"});
 
   EXPECT_EQ(HelperVLAN::create(test.env, configuration, " \tOffice net ", 42, "eth1x"), "vlan0");
   std::string shown = details("vlan0");
@@ -148,9 +160,12 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_CreateListsAndDeletesKernelVLANs) {
   EXPECT_NE(shown.find("alias Office net\n"), std::string::npos) << shown;
   EXPECT_NE(shown.find(",UP"), std::string::npos) << shown;
 
-  // The same tag on another parent is another VLAN; a blank name sets no alias.
+  // The same tag on another parent is another VLAN; a blank name sets no alias. The parent is
+  // down, so the VLAN cannot be brought up, and is made all the same.
   EXPECT_EQ(HelperVLAN::create(test.env, configuration, "   ", 42, "eth0x"), "vlan1");
-  EXPECT_EQ(details("vlan1").find("alias"), std::string::npos);
+  shown = details("vlan1");
+  EXPECT_EQ(shown.find("alias"), std::string::npos) << shown;
+  EXPECT_EQ(shown.find(",UP"), std::string::npos) << shown;
   EXPECT_EQ(contentOf(test.recordFile()), R"([{"bsdName":"vlan0","tag":42,"parentBSD":"eth1x"},)"
                                           R"({"bsdName":"vlan1","tag":42,"parentBSD":"eth0x"}])");
 
@@ -203,17 +218,20 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_VLANMadeOutsideIsListedButNotDeleted) {
             (std::vector<std::string>{"Left VLAN vlan7 alone: Tarnly's helper didn't create it."}));
   EXPECT_TRUE(HelperVLAN::createdVLANs(test.env, configuration).empty());
 
-  // The next VLAN the helper makes takes the lowest name the outside one left free.
-  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "", 7, "eth2x").empty(), false);
+  // The outside VLAN keeps its parent and tag to itself, but not the names below its own.
+  EXPECT_EQ(errorOf([&] { HelperVLAN::create(test.env, configuration, "", 7, "eth2x"); }),
+            "macOS refused to create the VLAN interface.");
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "", 8, "eth2x"), "vlan0");
+  EXPECT_EQ(HelperVLAN::create(test.env, configuration, "", 9, "eth2x"), "vlan1");
 }
 
 TEST_F(NetlinkVLANInNamespace, DISABLED_OnlyPlainEthernetLinksCarryVLANs) {
   addParent("eth3x");
-  mustIP({"link", "add", "br3x", "type", "bridge"});
-  mustIP({"link", "add", "link", "eth3x", "name", "mv3x", "type", "macvlan"});
-  mustIP({"tuntap", "add", "dev", "tap3x", "mode", "tap"});
-  mustIP({"tuntap", "add", "dev", "tun3x", "mode", "tun"});
-  // Kinds this kernel may lack; they are checked where it has them.
+  // Link kinds the kernel may lack; each is checked where it has them.
+  ip({"link", "add", "br3x", "type", "bridge"});
+  ip({"link", "add", "link", "eth3x", "name", "mv3x", "type", "macvlan"});
+  ip({"tuntap", "add", "dev", "tap3x", "mode", "tap"});
+  ip({"tuntap", "add", "dev", "tun3x", "mode", "tun"});
   ip({"link", "add", "bond3x", "type", "bond"});
   ip({"link", "add", "link", "eth3x", "name", "vlan30", "type", "vlan", "id", "30"});
 
