@@ -153,18 +153,6 @@ TEST_F(HelperVLANTest, CreateRefusalsCarryTheirMessagesAndLeaveTheRecordAlone) {
   EXPECT_TRUE(test.logged().empty());
 }
 
-TEST_F(HelperVLANTest, ErrorKindsCarryTheInterfaceName) {
-  VLANError missing = VLANError::noSuchPhysicalInterface("en7");
-  EXPECT_EQ(missing.kind(), VLANError::Kind::noSuchPhysicalInterface);
-  EXPECT_EQ(missing.interfaceName(), "en7");
-  VLANError notFound = VLANError::notFound("vlan3");
-  EXPECT_EQ(notFound.kind(), VLANError::Kind::notFound);
-  EXPECT_EQ(notFound.interfaceName(), "vlan3");
-  EXPECT_STREQ(VLANError::notCreatedByHelper().what(),
-               "Tarnly's helper only removes VLANs it created.");
-  EXPECT_EQ(VLANError::commitFailed().kind(), VLANError::Kind::commitFailed);
-}
-
 TEST_F(HelperVLANTest, DeleteRemovesARecordedVLANAndItsRecord) {
   create("A", 5, "en0");
   create("B", 6, "en1");

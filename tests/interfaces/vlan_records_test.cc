@@ -116,17 +116,4 @@ TEST(CreatedVLANJSON, BytesThatAreNotUTF8NeverFailTheEncoding) {
             "\xef\xbf\xbd name\"}]");
 }
 
-TEST(CreatedVLANJSON, EqualValuesHashAlike) {
-  CreatedVLAN a{"vlan0", 5, "en0", "A"};
-  const CreatedVLAN b{"vlan0", 5, "en0", "A"};
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(std::hash<CreatedVLAN>{}(a), std::hash<CreatedVLAN>{}(b));
-  for (const CreatedVLAN& other :
-       {CreatedVLAN{"vlan1", 5, "en0", "A"}, CreatedVLAN{"vlan0", 6, "en0", "A"},
-        CreatedVLAN{"vlan0", 5, "en1", "A"}, CreatedVLAN{"vlan0", 5, "en0", ""}}) {
-    EXPECT_NE(a, other);
-    EXPECT_NE(std::hash<CreatedVLAN>{}(a), std::hash<CreatedVLAN>{}(other));
-  }
-}
-
 }  // namespace
