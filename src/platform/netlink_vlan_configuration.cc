@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
