@@ -9,6 +9,7 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -65,10 +66,11 @@ struct Machine {
     tree.write("proc/boot_id", "0b4e7f6a-1c2d-4e5f-8a9b-0c1d2e3f4a5b\n");
     FirewallHost host{env, [] { return hostAddresses(); }};
     std::vector<FirewallNetworkPolicy> networks = hundredNetworks();
-    for (unsigned int user = 0; user < 4; ++user) {
+    for (std::ptrdiff_t user = 0; user < 4; ++user) {
       std::vector<FirewallNetworkPolicy> own(networks.begin() + user * 25,
                                              networks.begin() + (user + 1) * 25);
-      HelperFirewall::apply(host, FirewallJSON::encode(own).dump(), 501 + user, false);
+      HelperFirewall::apply(host, FirewallJSON::encode(own).dump(),
+                            static_cast<unsigned int>(501 + user), false);
     }
     pf.clearInvocations();
   }
@@ -113,7 +115,7 @@ void UnchangedReapplyWithSimulator(benchmark::State& state) {
   };
 
   Clock_::duration total{};
-  for (auto _ : state) {
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
     auto start = Clock_::now();
     HelperFirewall::reapplyAtBoot(host);
     total += Clock_::now() - start;
@@ -151,7 +153,9 @@ void UnchangedReapplyHelperOnly(benchmark::State& state) {
     auto reply = replies.find(arguments);
     return reply != replies.end() ? reply->second : HelperCommand::Result{};
   };
-  for (auto _ : state) HelperFirewall::reapplyAtBoot(host);
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
+    HelperFirewall::reapplyAtBoot(host);
+  }
 
   if (replies.size() != 2 || runs != 2 * state.iterations()) {
     state.SkipWithError("an unchanged re-apply did not run pfctl exactly twice");

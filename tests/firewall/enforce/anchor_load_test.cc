@@ -68,19 +68,6 @@ TEST_F(AnchorLoad, FirstLoadWritesLoadsEnablesAndRecords) {
                                       "Farm - IPv6 dropped on bridge100"));
 }
 
-TEST_F(AnchorLoad, SameRulesAgainRunOnlyStatusAndListing) {
-  load(labAndFarm);
-  pf.clearInvocations();
-  std::string before = contentOf(state("firewall.pf.conf"));
-
-  LoadOutcome outcome = load(labAndFarm);
-  EXPECT_FALSE(outcome.reloaded);
-  EXPECT_EQ(outcome.summary, "Enforcing 2 networks for all users: Lab, Farm");
-  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing}));
-  EXPECT_EQ(contentOf(state("firewall.pf.conf")), before);
-  EXPECT_EQ(logLines().size(), 1u);
-}
-
 TEST_F(AnchorLoad, ChangedRulesOrChangedAnchorReload) {
   load(labAndFarm);
   pf.clearInvocations();
@@ -92,17 +79,6 @@ TEST_F(AnchorLoad, ChangedRulesOrChangedAnchorReload) {
   pf.clearInvocations();
   EXPECT_TRUE(load({labAndFarm[0]}).reloaded);
   EXPECT_EQ(runsOf(anchorLoad()), 1u);
-}
-
-TEST_F(AnchorLoad, PfDisabledMeanwhileReloadsAndEnables) {
-  load(labAndFarm);
-  pf.setEnabled(false);
-  pf.clearInvocations();
-
-  EXPECT_TRUE(load(labAndFarm).reloaded);
-  EXPECT_EQ(runsOf(anchorLoad()), 1u);
-  EXPECT_EQ(runsOf(kEnable), 1u);
-  EXPECT_TRUE(pf.enabled());
 }
 
 TEST_F(AnchorLoad, EnablesOncePerBoot) {

@@ -303,18 +303,9 @@ TEST(SamePolicy, ComparesEveryField) {
   EXPECT_FALSE(NetworkFirewall::samePolicy(a, b));
 }
 
-TEST(ReplyText, CountsNetworksRulesAndOthers) {
-  std::vector<NetworkFirewall::Review::Note> two(2);
-  EXPECT_EQ(HelperFirewall::replyText({}, {}, 0), "None of your networks has an enabled firewall.");
-  EXPECT_EQ(HelperFirewall::replyText({network(1, "A", "192.168.64.0/24")}, {two[0]}, 1),
-            "Enforcing 1 network: A - 1 rule skipped - 1 more for other users of this Mac");
-  EXPECT_EQ(HelperFirewall::replyText(
-                {network(1, "A", "192.168.64.0/24"), network(2, "B", "192.168.65.0/24")}, two, 0),
-            "Enforcing 2 networks: A, B - 2 rules skipped");
-}
-
 TEST_F(FirewallOperations, ConcurrentAppliesOfEightUsersAllEndInTheStore) {
   std::vector<std::thread> threads;
+  threads.reserve(8);
   std::vector<std::string> replies(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([this, i, &replies] {
