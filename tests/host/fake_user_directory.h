@@ -1,5 +1,5 @@
 // FakeUserDirectory: a user and group table for tests of the administrator test and of the
-// ownership rule. Records every lookup so tests can show when the directory was not asked.
+// ownership rule. Counts every lookup so tests can show when the directory was not asked.
 #pragma once
 
 #include <map>
@@ -11,42 +11,29 @@
 
 class FakeUserDirectory final : public UserDirectory {
  public:
-  // Adds a passwd entry named "user<uid>" with its primary group and supplementary groups.
-  void addUser(uid_t uid, gid_t primaryGroup, std::vector<gid_t> supplementary = {}) {
-    users_[uid] = Entry{"user" + std::to_string(uid), primaryGroup, std::move(supplementary)};
-  }
+  // Adds a passwd entry named "user<uid>"; `groups` lists the primary group first.
+  void addUser(uid_t uid, std::vector<gid_t> groups) { users_[uid] = std::move(groups); }
   // Makes the group list of the user with `uid` unobtainable.
-  void failGroupsOf(uid_t uid) { users_.at(uid).groupsFail = true; }
+  void failGroupsOf(uid_t uid) { failing_ = "user" + std::to_string(uid); }
 
   std::optional<User> user(uid_t uid) const override {
     ++lookups_;
     auto found = users_.find(uid);
     if (found == users_.end()) return std::nullopt;
-    return User{found->second.name, found->second.primaryGroup};
+    return User{"user" + std::to_string(uid), found->second.front()};
   }
-
-  std::optional<std::vector<gid_t>> groups(const std::string& name,
-                                           gid_t primaryGroup) const override {
+  std::optional<std::vector<gid_t>> groups(const std::string& name, gid_t primary) const override {
     ++lookups_;
-    for (const auto& [uid, entry] : users_) {
-      if (entry.name != name) continue;
-      if (entry.groupsFail) return std::nullopt;
-      std::vector<gid_t> all{primaryGroup};
-      all.insert(all.end(), entry.supplementary.begin(), entry.supplementary.end());
-      return all;
+    if (name == failing_) return std::nullopt;
+    for (const auto& [uid, groups] : users_) {
+      if ("user" + std::to_string(uid) == name) return groups;
     }
-    return std::vector<gid_t>{primaryGroup};
+    return std::vector<gid_t>{primary};
   }
-
   int lookups() const { return lookups_; }
 
  private:
-  struct Entry {
-    std::string name;
-    gid_t primaryGroup = 0;
-    std::vector<gid_t> supplementary;
-    bool groupsFail = false;
-  };
-  std::map<uid_t, Entry> users_;
+  std::map<uid_t, std::vector<gid_t>> users_;
+  std::string failing_;
   mutable int lookups_ = 0;
 };

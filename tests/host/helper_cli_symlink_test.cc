@@ -5,13 +5,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <tuple>
 
 #include "host/host_tree.h"
+#include "support/temp_tree.h"
 
 namespace {
 
@@ -22,21 +22,24 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
+const std::string kNotAFolder =
+    " isn't a real folder (it's a link or a file), so Tarnly won't link into it.";
+const std::string kTaken =
+    " already exists and isn't a Tarnly link. Move it aside, then try again.";
+
 class HelperCLISymlinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
     auto unsafe = HelperCLISymlink::firstPathNonAdminCanChange(tree.root(), tree.users());
     ASSERT_FALSE(unsafe.has_value())
-        << *unsafe << " fails the ownership rule; build the tests in a folder whose parents are "
-        << "owned by root or an administrator and writable by no one else";
+        << *unsafe << " fails the ownership rule; build the tests in a "
+        << "folder only root or an administrator can change";
   }
-
   void install() { HelperCLISymlink::install(tree.env(), tree.users()); }
   void remove() { HelperCLISymlink::remove(tree.env(), tree.users()); }
-
   // The message of the SymlinkError thrown by `operation`, or "<no error>".
   template <typename Operation>
-  std::string failure(Operation operation) {
+  static std::string failure(Operation operation) {
     try {
       operation();
     } catch (const SymlinkError& error) {
@@ -44,104 +47,78 @@ class HelperCLISymlinkTest : public ::testing::Test {
     }
     return "<no error>";
   }
-
-  static void requireRoot() {
-    if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
+  std::string installFailure() {
+    return failure([&] { install(); });
   }
-
+  std::string bin(const std::string& name) const { return tree.usr("local/bin/" + name); }
   std::string zshLink() const { return tree.usr("local/share/zsh/site-functions/_tarnly"); }
   std::string fishLink(const std::string& name) const {
     return tree.usr("local/share/fish/vendor_completions.d/" + name);
+  }
+  static std::string leftAlone(const std::string& link, const std::string& target) {
+    return "Left " + link + " alone: it points at " + target + ", not a Tarnly bundle.";
   }
 
   HostTree tree;
 };
 
-TEST_F(HelperCLISymlinkTest, FreshInstallLinksBothToolLinksAndTheCompletions) {
+TEST_F(HelperCLISymlinkTest, InstallLinksToolsAndCompletionsAndASecondReplacesOnlyItsOwn) {
   install();
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tarnly")), tree.tool());
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tqz")), tree.tool());
-  EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly");
-  EXPECT_EQ(tree.linkTarget(fishLink("tarnly.fish")), tree.completions() + "/tarnly.fish");
-  EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), tree.completions() + "/tarnly.fish");
-  for (const char* folder :
-       {"local", "local/bin", "local/share", "local/share/zsh", "local/share/zsh/site-functions",
-        "local/share/fish/vendor_completions.d"}) {
-    EXPECT_EQ(modeOf(tree.usr(folder)), 0755) << folder;
-  }
-  EXPECT_THAT(tree.log(),
-              ElementsAre("Linked /usr/local/bin/tarnly -> " + tree.tool() + ".",
-                          "Linked /usr/local/bin/tqz -> " + tree.tool() + ".",
-                          "Linked /usr/local/share/zsh/site-functions/_tarnly -> " +
-                              tree.completions() + "/_tarnly.",
-                          "Linked /usr/local/share/fish/vendor_completions.d/tarnly.fish -> " +
-                              tree.completions() + "/tarnly.fish.",
-                          "Linked /usr/local/share/fish/vendor_completions.d/tqz.fish -> " +
-                              tree.completions() + "/tarnly.fish."));
-}
-
-TEST_F(HelperCLISymlinkTest, SecondInstallReplacesOnlyItsOwnLinks) {
-  install();
-  tree.makeLink(tree.usr("local/bin/python3"), "/usr/bin/python3.11");
-  tree.makeLink(tree.usr("local/share/zsh/site-functions/_git"), "/usr/share/git/_git");
-  auto before = tree.log();
+  EXPECT_EQ(modeOf(tree.usr("local/bin")), 0755);
+  EXPECT_EQ(modeOf(tree.usr("local/share/zsh/site-functions")), 0755);
+  const auto firstLog = tree.log();
+  const std::string zsh = tree.completions() + "/_tarnly",
+                    fish = tree.completions() + "/tarnly.fish";
+  EXPECT_THAT(
+      firstLog,
+      ElementsAre("Linked /usr/local/bin/tarnly -> " + tree.tool() + ".",
+                  "Linked /usr/local/bin/tqz -> " + tree.tool() + ".",
+                  "Linked /usr/local/share/zsh/site-functions/_tarnly -> " + zsh + ".",
+                  "Linked /usr/local/share/fish/vendor_completions.d/tarnly.fish -> " + fish + ".",
+                  "Linked /usr/local/share/fish/vendor_completions.d/tqz.fish -> " + fish + "."));
+  tree.makeLink(bin("python3"), "/usr/bin/python3.11");
   tree.clearLog();
-
   install();
-  EXPECT_EQ(tree.log(), before) << "the same links are made and logged again";
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tarnly")), tree.tool());
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/python3")), "/usr/bin/python3.11");
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/share/zsh/site-functions/_git")),
-            "/usr/share/git/_git");
+  EXPECT_EQ(tree.log(), firstLog) << "the same links are made and logged again";
+  EXPECT_EQ(tree.linkTarget(bin("tarnly")), tree.tool());
+  EXPECT_EQ(tree.linkTarget(bin("tqz")), tree.tool());
+  EXPECT_EQ(tree.linkTarget(zshLink()), zsh);
+  EXPECT_EQ(tree.linkTarget(fishLink("tarnly.fish")), fish);
+  EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), fish);
   EXPECT_THAT(tree.entries(tree.usr("local/bin")), ElementsAre("python3", "tarnly", "tqz"));
 }
 
 TEST_F(HelperCLISymlinkTest, SomethingForeignAtALinkPathFailsWithItsMessageAndStays) {
   tree.makeFolder(tree.usr("local/bin"));
-  writeFileAtomically(tree.usr("local/bin/tarnly"), "my own script\n", 0755);
-  EXPECT_EQ(failure([&] { install(); }),
-            "/usr/local/bin/tarnly already exists and isn't a Tarnly link. Move it aside, then try "
-            "again.");
-  EXPECT_EQ(contentOf(tree.usr("local/bin/tarnly")), "my own script\n");
-  EXPECT_FALSE(pathExists(tree.usr("local/bin/tqz"))) << "the second link is not attempted";
-  EXPECT_FALSE(pathExists(tree.usr("local/share"))) << "nor are the completions";
+  writeFileAtomically(bin("tarnly"), "my own script\n", 0755);
+  EXPECT_EQ(installFailure(), "/usr/local/bin/tarnly" + kTaken);
+  EXPECT_EQ(contentOf(bin("tarnly")), "my own script\n");
+  EXPECT_FALSE(pathExists(bin("tqz")) || pathExists(tree.usr("local/share"))) << "nothing further";
 
-  // A link elsewhere, even into the app bundle but not at a tool, is foreign too.
-  removeFile(tree.usr("local/bin/tarnly"));
+  // A link into the bundle but not at a tool is foreign too; so is a folder.
+  removeFile(bin("tarnly"));
   const std::string foreign = "/Applications/Tarnly.app/Contents/MacOS/Tarnly";
-  tree.makeLink(tree.usr("local/bin/tqz"), foreign);
-  EXPECT_EQ(failure([&] { install(); }),
-            "/usr/local/bin/tqz already exists and isn't a Tarnly link. Move it aside, then try "
-            "again.");
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tqz")), foreign);
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tarnly")), tree.tool()) << "made before tqz";
-
-  // A folder in the way is not a link either.
-  removeFile(tree.usr("local/bin/tqz"));
-  tree.makeFolder(tree.usr("local/bin/tqz"));
-  EXPECT_THAT(failure([&] { install(); }), HasSubstr("/usr/local/bin/tqz already exists"));
+  tree.makeLink(bin("tqz"), foreign);
+  EXPECT_EQ(installFailure(), "/usr/local/bin/tqz" + kTaken);
+  EXPECT_EQ(tree.linkTarget(bin("tqz")), foreign);
+  EXPECT_EQ(tree.linkTarget(bin("tarnly")), tree.tool()) << "made before tqz";
+  removeFile(bin("tqz"));
+  tree.makeFolder(bin("tqz"));
+  EXPECT_EQ(installFailure(), "/usr/local/bin/tqz" + kTaken);
 }
 
-TEST_F(HelperCLISymlinkTest, LinkIntoAnotherCopyOfTheAppIsReplaced) {
-  const std::string other = "/Volumes/Backup/Old Apps/Tarnly.app/Contents/Helpers/tarnly";
-  tree.makeLink(tree.usr("local/bin/tqz"), other);
+TEST_F(HelperCLISymlinkTest, LinksIntoOtherCopiesAreReplacedAndLegacyBundleLinksRemoved) {
+  tree.makeLink(bin("tqz"), "/Volumes/Backup/Old Apps/Tarnly.app/Contents/Helpers/tarnly");
   tree.makeLink(zshLink(), "/Volumes/Backup/Tarnly.app/Contents/Resources/completions/_tarnly");
+  tree.makeLink(bin("qz"), "/Applications/Tarnly.app/Contents/Helpers/qz");
+  tree.makeLink(bin("qzr"), "/opt/homebrew/bin/qzr");
   install();
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tqz")), tree.tool());
+  EXPECT_EQ(tree.linkTarget(bin("tqz")), tree.tool());
   EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly");
-  EXPECT_THAT(tree.log(), Contains("Linked /usr/local/bin/tqz -> " + tree.tool() + "."));
-}
-
-TEST_F(HelperCLISymlinkTest, LegacyLinksIntoABundleGoAndForeignOnesStay) {
-  tree.makeLink(tree.usr("local/bin/qz"), "/Applications/Tarnly.app/Contents/Helpers/qz");
-  tree.makeLink(tree.usr("local/bin/qzr"), "/opt/homebrew/bin/qzr");
-  install();
-  EXPECT_FALSE(pathExists(tree.usr("local/bin/qz")));
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/qzr")), "/opt/homebrew/bin/qzr");
-  auto log = tree.log();
-  EXPECT_THAT(log, Contains("Removed /usr/local/bin/qz."));
-  EXPECT_THAT(log, Contains("Left /usr/local/bin/qzr alone: it points at /opt/homebrew/bin/qzr, "
-                            "not a Tarnly bundle."));
+  EXPECT_FALSE(pathExists(bin("qz")));
+  EXPECT_EQ(tree.linkTarget(bin("qzr")), "/opt/homebrew/bin/qzr");
+  EXPECT_THAT(tree.log(), Contains("Removed /usr/local/bin/qz."));
+  EXPECT_THAT(tree.log(), Contains(leftAlone("/usr/local/bin/qzr", "/opt/homebrew/bin/qzr")));
 }
 
 TEST_F(HelperCLISymlinkTest, MissingFishCompletionSkipsBothFishRowsSilently) {
@@ -152,50 +129,30 @@ TEST_F(HelperCLISymlinkTest, MissingFishCompletionSkipsBothFishRowsSilently) {
   for (const std::string& line : tree.log()) EXPECT_THAT(line, Not(HasSubstr("fish")));
 }
 
-TEST_F(HelperCLISymlinkTest, CompletionProblemsAreLoggedAndDoNotFailTheInstall) {
-  tree.makeFolder(tree.usr("local/share/fish/vendor_completions.d/tarnly.fish"));
-  install();
-  EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), tree.completions() + "/tarnly.fish");
-  EXPECT_THAT(tree.log(), Contains("Shell completion "
-                                   "/usr/local/share/fish/vendor_completions.d/tarnly.fish not "
-                                   "linked: /usr/local/share/fish/vendor_completions.d/tarnly.fish"
-                                   " already exists and isn't a Tarnly link. Move it aside, then "
-                                   "try again."));
-}
-
-TEST_F(HelperCLISymlinkTest, LinkAtUsrLocalIsRefused) {
+TEST_F(HelperCLISymlinkTest, UsrLocalOrBinThatIsNoRealFolderIsRefused) {
   tree.makeFolder(tree.outside() + "/bin");
   tree.makeLink(tree.usr("local"), tree.outside());
-  const std::string message =
-      "/usr/local isn't a real folder (it's a link or a file), so Tarnly won't link into it.";
-  EXPECT_EQ(failure([&] { install(); }), message);
-  EXPECT_EQ(failure([&] { remove(); }), message);
-  EXPECT_THAT(tree.entries(tree.outside() + "/bin"), IsEmpty());
+  EXPECT_EQ(installFailure(), "/usr/local" + kNotAFolder);
+  EXPECT_EQ(failure([&] { remove(); }), "/usr/local" + kNotAFolder);
   EXPECT_THAT(tree.entries(tree.outside()), ElementsAre("bin"));
-}
+  EXPECT_THAT(tree.entries(tree.outside() + "/bin"), IsEmpty());
 
-TEST_F(HelperCLISymlinkTest, FileAtUsrLocalBinIsRefused) {
+  removeFile(tree.usr("local"));
   tree.makeFolder(tree.usr("local"));
   writeFileAtomically(tree.usr("local/bin"), "", 0644);
-  EXPECT_EQ(failure([&] { install(); }),
-            "/usr/local/bin isn't a real folder (it's a link or a file), so Tarnly won't link into "
-            "it.");
-}
-
-TEST_F(HelperCLISymlinkTest, MissingUsrRootFailsToOpen) {
-  ::rmdir(tree.usr().c_str());
-  EXPECT_EQ(failure([&] { install(); }), "Could not open /usr.");
+  EXPECT_EQ(installFailure(), "/usr/local/bin" + kNotAFolder);
+  std::filesystem::remove_all(tree.usr());
+  EXPECT_EQ(installFailure(), "Could not open /usr.");
 }
 
 TEST_F(HelperCLISymlinkTest, FolderOwnershipDecidesWhetherLinksGoIntoIt) {
-  requireRoot();
+  if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
   struct Case {
     uid_t owner;
     gid_t group;
     mode_t mode;
     bool accepted;
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {0, 0, 0755, true},
       {0, 0, 0775, true},                                         // group root may write
       {0, HelperAuthorization::kAdministratorGroup, 0775, true},  // group admin may write
@@ -206,67 +163,42 @@ TEST_F(HelperCLISymlinkTest, FolderOwnershipDecidesWhetherLinksGoIntoIt) {
       {0, 0, 01777, false},                  // sticky does not help
       {HostTree::kUserUID, 0, 0755, false},  // owned by a non-administrator
   };
-  const std::string bin = tree.usr("local/bin");
-  tree.makeFolder(bin);
+  const std::string folder = tree.usr("local/bin");
+  tree.makeFolder(folder);
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message()
                  << "owner " << c.owner << " group " << c.group << " mode " << std::oct << c.mode);
-    ASSERT_EQ(::chown(bin.c_str(), c.owner, c.group), 0);
-    ASSERT_EQ(::chmod(bin.c_str(), c.mode), 0);
-    std::string result = failure([&] { install(); });
-    if (c.accepted) {
-      EXPECT_EQ(result, "<no error>");
-      EXPECT_EQ(tree.linkTarget(bin + "/tarnly"), tree.tool());
-    } else {
-      EXPECT_EQ(result,
-                "/usr/local/bin can be changed by someone who isn't an administrator, so Tarnly "
-                "won't link into it.");
-    }
+    ASSERT_EQ(::chown(folder.c_str(), c.owner, c.group), 0);
+    ASSERT_EQ(::chmod(folder.c_str(), c.mode), 0);
+    EXPECT_EQ(installFailure(), c.accepted
+                                    ? "<no error>"
+                                    : "/usr/local/bin can be changed by someone who isn't an "
+                                      "administrator, so Tarnly won't link into it.");
   }
 }
 
-TEST_F(HelperCLISymlinkTest, UnsafeCompletionFolderSkipsOnlyThatCompletion) {
-  requireRoot();
-  tree.makeFolder(tree.usr("local/share/zsh"));
-  ASSERT_EQ(::chown(tree.usr("local/share/zsh").c_str(), HostTree::kUserUID, 0), 0);
-  install();
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tarnly")), tree.tool());
-  EXPECT_FALSE(pathExists(tree.usr("local/share/zsh/site-functions")));
-  EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), tree.completions() + "/tarnly.fish");
-  EXPECT_THAT(tree.log(), Contains("Shell completion /usr/local/share/zsh/site-functions/_tarnly "
-                                   "not linked: /usr/local/share/zsh can be changed by someone "
-                                   "who isn't an administrator, so Tarnly won't link into it."));
-}
-
 TEST_F(HelperCLISymlinkTest, CopyANonAdministratorCanChangeIsRefusedAndItsLinksRemoved) {
-  requireRoot();
+  if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
   install();
   const std::string otherCopy = "/Applications/Tarnly.app/Contents/Helpers/tarnly-cli";
-  removeFile(tree.usr("local/bin/tqz"));
-  tree.makeLink(tree.usr("local/bin/tqz"), otherCopy);
+  removeFile(bin("tqz"));
+  tree.makeLink(bin("tqz"), otherCopy);
   tree.clearLog();
 
   const std::string applications = tree.path("Applications");
   ASSERT_EQ(::chown(applications.c_str(), HostTree::kUserUID, 20), 0);
-  EXPECT_EQ(failure([&] { install(); }),
+  EXPECT_EQ(installFailure(),
             "Tarnly can't link its command-line tool from this copy: " + applications +
-                " can be changed by someone who isn't an administrator. Ask an administrator to "
-                "install Tarnly in /Applications.");
-  EXPECT_FALSE(pathExists(tree.usr("local/bin/tarnly")));
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tqz")), otherCopy) << "not this copy: kept";
+                " can be changed by someone who isn't an administrator. Ask an "
+                "administrator to install Tarnly in /Applications.");
+  EXPECT_FALSE(pathExists(bin("tarnly")));
+  EXPECT_EQ(tree.linkTarget(bin("tqz")), otherCopy) << "not this copy: kept";
   EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly") << "completions stay";
   EXPECT_THAT(tree.log(), ElementsAre("Removed /usr/local/bin/tarnly."));
-}
 
-TEST_F(HelperCLISymlinkTest, RefusalNamesTheFirstChangeableItemFromTheToolUpwards) {
-  // Both the bundle and the tool can be changed by others; the tool comes first.
-  ASSERT_EQ(::chmod(tree.bundle().c_str(), 0777), 0);
-  EXPECT_THAT(failure([&] { install(); }),
-              HasSubstr("from this copy: " + tree.bundle() + " can be changed"));
+  // The refusal names the first changeable item from the tool upwards.
   ASSERT_EQ(::chmod(tree.tool().c_str(), 0757), 0);
-  EXPECT_THAT(failure([&] { install(); }),
-              HasSubstr("from this copy: " + tree.tool() + " can be changed"));
-  EXPECT_FALSE(pathExists(tree.usr("local"))) << "a refused copy creates nothing";
+  EXPECT_THAT(installFailure(), HasSubstr("from this copy: " + tree.tool() + " can be changed"));
 }
 
 TEST_F(HelperCLISymlinkTest, ToolMissingOrNotExecutableFailsBeforeUsrIsTouched) {
@@ -280,9 +212,8 @@ TEST_F(HelperCLISymlinkTest, ToolMissingOrNotExecutableFailsBeforeUsrIsTouched) 
     EXPECT_EQ(std::string(error.what()), message);
   }
   removeFile(tree.tool());
-  EXPECT_EQ(failure([&] { install(); }), message);
   ::rmdir(tree.usr().c_str());
-  EXPECT_EQ(failure([&] { install(); }), message) << "checked before /usr is opened";
+  EXPECT_EQ(installFailure(), message) << "checked before /usr is opened";
   EXPECT_THAT(tree.log(), IsEmpty());
 }
 
@@ -292,61 +223,40 @@ TEST_F(HelperCLISymlinkTest, ExecutableReachedThroughALinkUsesTheRealBundle) {
   tree.env().paths.executable = launcher;
   EXPECT_EQ(HelperCLISymlink::cliURL(tree.env()), tree.tool());
   EXPECT_EQ(HelperCLISymlink::completionsDirectory(tree.env()), tree.completions());
-  install();
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin/tarnly")), tree.tool());
 }
 
 TEST_F(HelperCLISymlinkTest, RemoveTakesAwayOnlyBundleLinks) {
+  tree.makeLink(zshLink(), tree.completions() + "/_tarnly");
+  remove();
+  EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly") << "no bin: nothing done";
+  EXPECT_THAT(tree.log(), IsEmpty());
+
   install();
-  tree.makeLink(tree.usr("local/bin/qz"), "/Applications/Tarnly.app/Contents/Helpers/qz");
-  tree.makeLink(tree.usr("local/bin/qzr"), "/usr/local/Cellar/qzr/bin/qzr");
+  tree.makeLink(bin("qz"), "/Applications/Tarnly.app/Contents/Helpers/qz");
+  tree.makeLink(bin("qzr"), "/usr/local/Cellar/qzr/bin/qzr");
   removeFile(fishLink("tqz.fish"));
   tree.makeLink(fishLink("tqz.fish"), "/usr/share/fish/tqz.fish");
   tree.clearLog();
-
   remove();
   EXPECT_THAT(tree.entries(tree.usr("local/bin")), ElementsAre("qzr"));
-  EXPECT_FALSE(pathExists(zshLink()));
-  EXPECT_FALSE(pathExists(fishLink("tarnly.fish")));
+  EXPECT_FALSE(pathExists(zshLink()) || pathExists(fishLink("tarnly.fish")));
   EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), "/usr/share/fish/tqz.fish");
+  const auto foreign = {
+      leftAlone("/usr/local/bin/qzr", "/usr/local/Cellar/qzr/bin/qzr"),
+      leftAlone("/usr/local/share/fish/vendor_completions.d/tqz.fish", "/usr/share/fish/tqz.fish")};
   EXPECT_THAT(tree.log(),
               ElementsAre("Removed /usr/local/bin/tarnly.", "Removed /usr/local/bin/tqz.",
-                          "Removed /usr/local/bin/qz.",
-                          "Left /usr/local/bin/qzr alone: it points at "
-                          "/usr/local/Cellar/qzr/bin/qzr, not a Tarnly bundle.",
+                          "Removed /usr/local/bin/qz.", *foreign.begin(),
                           "Removed /usr/local/share/zsh/site-functions/_tarnly.",
                           "Removed /usr/local/share/fish/vendor_completions.d/tarnly.fish.",
-                          "Left /usr/local/share/fish/vendor_completions.d/tqz.fish alone: it "
-                          "points at /usr/share/fish/tqz.fish, not a Tarnly bundle."));
+                          *(foreign.begin() + 1)));
 
-  // A second remove finds nothing of its own.
+  // A second remove finds nothing of its own; a regular file at a link path stays.
+  writeFileAtomically(bin("tarnly"), "mine\n", 0755);
   tree.clearLog();
   remove();
-  EXPECT_THAT(tree.log(), ElementsAre("Left /usr/local/bin/qzr alone: it points at "
-                                      "/usr/local/Cellar/qzr/bin/qzr, not a Tarnly bundle.",
-                                      "Left /usr/local/share/fish/vendor_completions.d/tqz.fish "
-                                      "alone: it points at /usr/share/fish/tqz.fish, not a Tarnly "
-                                      "bundle."));
-}
-
-TEST_F(HelperCLISymlinkTest, RemoveLeavesRegularFilesAndOtherCopiesCompletionFolders) {
-  tree.makeFolder(tree.usr("local/bin"));
-  writeFileAtomically(tree.usr("local/bin/tarnly"), "mine\n", 0755);
-  tree.makeLink(zshLink(), "/Users/me/dotfiles/_tarnly");
-  remove();
-  EXPECT_EQ(contentOf(tree.usr("local/bin/tarnly")), "mine\n");
-  EXPECT_EQ(tree.linkTarget(zshLink()), "/Users/me/dotfiles/_tarnly");
-  EXPECT_THAT(tree.log(),
-              ElementsAre("Left /usr/local/share/zsh/site-functions/_tarnly alone: it "
-                          "points at /Users/me/dotfiles/_tarnly, not a Tarnly bundle."));
-}
-
-TEST_F(HelperCLISymlinkTest, RemoveWithoutUsrLocalBinSucceedsAndLeavesCompletions) {
-  tree.makeLink(zshLink(), tree.completions() + "/_tarnly");
-  remove();
-  EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly");
-  EXPECT_FALSE(pathExists(tree.usr("local/bin")));
-  EXPECT_THAT(tree.log(), IsEmpty());
+  EXPECT_EQ(contentOf(bin("tarnly")), "mine\n");
+  EXPECT_THAT(tree.log(), ElementsAre(*foreign.begin(), *(foreign.begin() + 1)));
 }
 
 TEST_F(HelperCLISymlinkTest, FolderSwappedForALinkBetweenStepsCreatesNothingOutside) {
@@ -359,69 +269,62 @@ TEST_F(HelperCLISymlinkTest, FolderSwappedForALinkBetweenStepsCreatesNothingOuts
   HelperCLISymlink::link(tree.env(), "/usr/local/bin/tarnly", *handle, tree.tool(),
                          [](const std::string&) { return false; });
   EXPECT_EQ(tree.linkTarget(tree.usr("local/bin.checked/tarnly")), tree.tool());
-  EXPECT_THAT(tree.entries(tree.outside()), IsEmpty());
-
   // The next operation opens the path afresh and refuses the link.
-  EXPECT_EQ(failure([&] { install(); }),
-            "/usr/local/bin isn't a real folder (it's a link or a file), so Tarnly won't link into "
-            "it.");
+  EXPECT_EQ(installFailure(), "/usr/local/bin" + kNotAFolder);
   EXPECT_THAT(tree.entries(tree.outside()), IsEmpty());
 }
 
-TEST_F(HelperCLISymlinkTest, CompletionFolderSwappedForALinkBetweenInstallsIsRefused) {
+TEST_F(HelperCLISymlinkTest, CompletionFolderSwappedForALinkIsLoggedAndSkipped) {
   install();
   const std::string zsh = tree.usr("local/share/zsh");
   ASSERT_EQ(std::rename(zsh.c_str(), tree.path("old-zsh").c_str()), 0);
   tree.makeFolder(tree.outside() + "/site-functions");
   tree.makeLink(zsh, tree.outside());
   tree.clearLog();
-
   install();
-  EXPECT_THAT(tree.entries(tree.outside() + "/site-functions"), IsEmpty());
-  EXPECT_THAT(tree.log(), Contains("Shell completion /usr/local/share/zsh/site-functions/_tarnly "
-                                   "not linked: /usr/local/share/zsh isn't a real folder (it's a "
-                                   "link or a file), so Tarnly won't link into it."));
+  EXPECT_THAT(tree.log(),
+              Contains("Shell completion /usr/local/share/zsh/site-functions/_tarnly not linked: "
+                       "/usr/local/share/zsh" +
+                       kNotAFolder));
   remove();
   EXPECT_THAT(tree.entries(tree.outside() + "/site-functions"), IsEmpty());
   EXPECT_EQ(tree.linkTarget(zsh), tree.outside()) << "the planted link itself is not touched";
 }
 
 TEST_F(HelperCLISymlinkTest, EveryDescriptorIsClosedOnEveryPath) {
-  int before = openDescriptorCount();
-  install();
+  auto openDescriptors = [] {
+    auto it = std::filesystem::directory_iterator("/proc/self/fd");
+    return std::distance(begin(it), end(it));
+  };
+  const auto before = openDescriptors();
   install();
   remove();
-  tree.makeFolder(tree.usr("local/bin"));
-  writeFileAtomically(tree.usr("local/bin/tqz"), "", 0644);
-  std::ignore = failure([&] { install(); });  // fails at the second link
+  writeFileAtomically(bin("tqz"), "", 0644);
+  std::ignore = installFailure();  // fails at the second link
   ASSERT_EQ(std::rename(tree.usr("local/share").c_str(), tree.path("old-share").c_str()), 0);
   tree.makeLink(tree.usr("local/share"), tree.outside());
-  std::ignore = failure([&] { install(); });  // completions refused
+  std::ignore = installFailure();  // completions refused
   std::ignore = failure([&] { remove(); });
   ::chmod(tree.bundle().c_str(), 0777);
-  std::ignore = failure([&] { install(); });  // refused copy
-  EXPECT_EQ(openDescriptorCount(), before);
+  std::ignore = installFailure();  // refused copy
+  EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(HelperCLISymlinkTargetTest, BundleTargetsAreRecognisedBySuffix) {
+TEST(HelperCLISymlinkTargetTest, BundleTargetsAreRecognisedBySuffixAndWalkAnswersAsGiven) {
   using HelperCLISymlink::isBundleCLITarget;
   using HelperCLISymlink::isBundleCompletionTarget;
-  EXPECT_TRUE(isBundleCLITarget("/Applications/Tarnly.app/Contents/Helpers/tarnly-cli"));
   EXPECT_TRUE(isBundleCLITarget("/Users/a/Downloads/Tarnly.app/Contents/Helpers/tarnly"));
   EXPECT_TRUE(isBundleCLITarget("../../Tarnly.app/Contents/Helpers/qz"));
-  EXPECT_FALSE(isBundleCLITarget("/Applications/Tarnly.app/Contents/Helpers/qzr"));
-  EXPECT_FALSE(isBundleCLITarget("/Applications/MyTarnly.app/Contents/Helpers/tarnly"));
-  EXPECT_FALSE(isBundleCLITarget("/Applications/Tarnly.app/Contents/MacOS/tarnly"));
-  EXPECT_FALSE(isBundleCLITarget("Tarnly.app/Contents/Helpers/tarnly"));
-
-  EXPECT_TRUE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/_tarnly"));
+  for (const char* target :
+       {"/Applications/Tarnly.app/Contents/Helpers/qzr",
+        "/Applications/MyTarnly.app/Contents/Helpers/tarnly",
+        "/Applications/Tarnly.app/Contents/MacOS/tarnly", "Tarnly.app/Contents/Helpers/tarnly"}) {
+    EXPECT_FALSE(isBundleCLITarget(target)) << target;
+  }
   EXPECT_TRUE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/tarnly.fish"));
   EXPECT_FALSE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/tqz.fish"))
       << "tqz.fish is a link name, not a source file";
-  EXPECT_FALSE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/_git"));
-}
 
-TEST(HelperCLISymlinkWalkTest, UnresolvablePathIsAnsweredAsGiven) {
   FakeUserDirectory users;
   EXPECT_EQ(HelperCLISymlink::firstPathNonAdminCanChange("/no/such/place/tarnly-cli", users),
             "/no/such/place/tarnly-cli");

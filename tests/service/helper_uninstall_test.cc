@@ -6,47 +6,34 @@
 
 namespace {
 
-using HelperUninstall::englishList;
 using HelperUninstall::explanation;
 
-constexpr const char* kFirewall = "firewall rules another account on this Mac still uses";
-constexpr const char* kVLANs =
+const std::string kFirewall = "firewall rules another account on this Mac still uses";
+const std::string kVLANs =
     "the list of VLANs Tarnly created, which lets a later install remove them";
 
 TEST(HelperUninstallTest, EnglishListJoinsOneTwoAndMoreItems) {
+  using HelperUninstall::englishList;
   EXPECT_EQ(englishList({}), "");
   EXPECT_EQ(englishList({"A"}), "A");
   EXPECT_EQ(englishList({"A", "B"}), "A and B");
-  EXPECT_EQ(englishList({"A", "B", "C"}), "A, B, and C");
   EXPECT_EQ(englishList({"A", "B", "C", "D"}), "A, B, C, and D");
 }
 
-TEST(HelperUninstallTest, NothingLeftNeedsNoExplanation) {
-  EXPECT_EQ(explanation({}), std::nullopt);
-}
-
-TEST(HelperUninstallTest, OneReasonStandsAlone) {
-  EXPECT_EQ(explanation({"firewall.pf.conf", "firewall-policies.json"}), kFirewall)
-      << "the firewall reason appears once for several firewall files";
-  EXPECT_EQ(explanation({"vlans.json"}), kVLANs);
-  EXPECT_EQ(explanation({"notes.txt"}), "notes.txt");
-}
-
-TEST(HelperUninstallTest, TwoReasonsAreJoinedByAnd) {
-  EXPECT_EQ(explanation({"vlans.json", "firewall-loaded.json"}),
-            std::string(kFirewall) + " and " + kVLANs);
-  EXPECT_EQ(explanation({"backup.old", "vlans.json"}), std::string(kVLANs) + " and backup.old");
-}
-
-TEST(HelperUninstallTest, ThreeReasonsAreListedWithCommas) {
-  EXPECT_EQ(explanation({"zeta", "vlans.json", "firewall.pf.conf", "Alpha", "beta"}),
-            std::string(kFirewall) + ", " + kVLANs + ", and Alpha, beta, and zeta");
-}
-
-TEST(HelperUninstallTest, OtherNamesSortUpperCaseFirst) {
-  EXPECT_EQ(explanation({"b.txt", "a.txt", "C.txt"}), "C.txt, a.txt, and b.txt");
-  EXPECT_EQ(explanation({"\xc3\xa9t\xc3\xa9", "zoo"}), "zoo and \xc3\xa9t\xc3\xa9")
-      << "code-point order puts é after z";
+TEST(HelperUninstallTest, ExplanationListsReasonsInOrderAndOtherNamesSorted) {
+  const std::pair<std::vector<std::string>, std::optional<std::string>> cases[] = {
+      {{}, std::nullopt},
+      {{"firewall.pf.conf", "firewall-policies.json"}, kFirewall},  // one reason for both
+      {{"vlans.json"}, kVLANs},
+      {{"notes.txt"}, "notes.txt"},
+      {{"vlans.json", "firewall-loaded.json"}, kFirewall + " and " + kVLANs},
+      {{"backup.old", "vlans.json"}, kVLANs + " and backup.old"},
+      {{"zeta", "vlans.json", "firewall.pf.conf", "Alpha", "beta"},
+       kFirewall + ", " + kVLANs + ", and Alpha, beta, and zeta"},
+      {{"b.txt", "a.txt", "C.txt"}, "C.txt, a.txt, and b.txt"},     // upper case first
+      {{"\xc3\xa9t\xc3\xa9", "zoo"}, "zoo and \xc3\xa9t\xc3\xa9"},  // code-point order
+  };
+  for (const auto& [names, expected] : cases) EXPECT_EQ(explanation(names), expected);
 }
 
 }  // namespace
