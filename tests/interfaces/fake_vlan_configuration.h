@@ -17,12 +17,12 @@
 class FakeVLANConfiguration final : public VLANConfiguration {
  public:
   struct Interface {
-    std::optional<std::string> bsdName;
-    std::optional<std::string> displayName;
+    std::optional<std::string> bsdName{};
+    std::optional<std::string> displayName{};
     bool physical = false;
     bool vlan = false;
-    std::optional<std::int64_t> tag;
-    std::optional<NetworkInterfaceID> parent;
+    std::optional<std::int64_t> tag{};
+    std::optional<NetworkInterfaceID> parent{};
     bool exists = true;    // false: not (or no longer) in the stored configuration
     bool pending = false;  // made by a handle that has not committed it
   };
@@ -36,178 +36,140 @@ class FakeVLANConfiguration final : public VLANConfiguration {
   bool failCommit = false;
   bool failApply = false;
 
-  // The system as it was set up, or as the helper or "someone else" changed it.
   NetworkInterfaceID addPhysical(std::optional<std::string> name) {
-    std::lock_guard<std::mutex> guard(lock_);
-    Interface interface;
-    interface.bsdName = std::move(name);
-    interface.physical = true;
-    return append(std::move(interface));
+    return add({.bsdName = std::move(name), .physical = true});
   }
-
   // A VLAN made outside the helper.
   NetworkInterfaceID addVLAN(const std::string& name, std::optional<std::int64_t> tag,
                              std::optional<NetworkInterfaceID> parent,
-                             std::optional<std::string> displayName = std::nullopt) {
-    std::lock_guard<std::mutex> guard(lock_);
-    Interface interface;
-    interface.bsdName = name;
-    interface.vlan = true;
-    interface.tag = tag;
-    interface.parent = parent;
-    interface.displayName = std::move(displayName);
-    return append(std::move(interface));
+                             std::optional<std::string> display = std::nullopt) {
+    return add({.bsdName = name,
+                .displayName = std::move(display),
+                .vlan = true,
+                .tag = tag,
+                .parent = parent});
   }
 
-  // Changes the existing interface named `name` (for example removes it by other means).
+  // Edits the existing interface named `name` (for example removes it by other means).
   void change(const std::string& name, const std::function<void(Interface&)>& edit) {
     std::lock_guard<std::mutex> guard(lock_);
-    for (Interface& interface : interfaces_) {
-      if (interface.exists && interface.bsdName == name) edit(interface);
+    for (Interface& i : interfaces_) {
+      if (i.exists && i.bsdName == name) edit(i);
     }
   }
-
-  // The existing interface named `name`, if any.
   std::optional<Interface> find(const std::string& name) const {
     std::lock_guard<std::mutex> guard(lock_);
-    for (const Interface& interface : interfaces_) {
-      if (interface.exists && interface.bsdName == name) return interface;
+    for (const Interface& i : interfaces_) {
+      if (i.exists && i.bsdName == name) return i;
     }
     return std::nullopt;
   }
-
   // Names of the existing VLANs, in order.
   std::vector<std::string> vlanNames() const {
     std::lock_guard<std::mutex> guard(lock_);
     std::vector<std::string> names;
-    for (const Interface& interface : interfaces_) {
-      if (interface.exists && interface.vlan) names.push_back(interface.bsdName.value_or("<none>"));
+    for (const Interface& i : interfaces_) {
+      if (i.exists && i.vlan) names.push_back(i.bsdName.value_or("<none>"));
     }
     return names;
   }
 
   // What was asked of the configuration so far.
-  std::vector<std::string> clients() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return clients_;
-  }
-  int commits() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return commits_;
-  }
-  int applies() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return applies_;
-  }
+  std::vector<std::string> clients() const { return locked(clients_); }
+  int commits() const { return locked(commits_); }
+  int applies() const { return locked(applies_); }
 
   std::unique_ptr<VLANPreferences> createPreferences(const std::string& client) override {
     std::lock_guard<std::mutex> guard(lock_);
     clients_.push_back(client);
-    if (refuseHandle) return nullptr;
-    return std::make_unique<Handle>(*this);
+    return refuseHandle ? nullptr : std::make_unique<Handle>(*this);
   }
 
  private:
   class Handle final : public VLANPreferences {
    public:
     explicit Handle(FakeVLANConfiguration& owner) : owner_(owner) {}
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
     // Uncommitted VLANs are dropped with the handle.
     ~Handle() override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      for (NetworkInterfaceID id : created_) owner_.interfaces_[id].pending = false;
+      Guard guard(owner_.lock_);
+      for (NetworkInterfaceID id : created_) at(id).pending = false;
     }
 
     std::optional<std::vector<NetworkInterfaceID>> availablePhysicalInterfaces() override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
+      Guard guard(owner_.lock_);
       if (owner_.noPhysicalList) return std::nullopt;
       return select([](NetworkInterfaceID, const Interface& i) { return i.exists && i.physical; });
     }
-
     std::optional<std::vector<NetworkInterfaceID>> allVLANInterfaces() override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
+      Guard guard(owner_.lock_);
       if (owner_.noVLANList) return std::nullopt;
-      return select(
-          [this](NetworkInterfaceID id, const Interface& i) { return i.vlan && listed(id, i); });
+      // Stored or made here, and not removed here.
+      return select([this](NetworkInterfaceID id, const Interface& i) {
+        return i.vlan && (i.exists || has(created_, id)) && !has(removed_, id);
+      });
     }
-
     std::optional<std::string> bsdName(NetworkInterfaceID id) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      return owner_.interfaces_.at(id).bsdName;
+      Guard guard(owner_.lock_);
+      return at(id).bsdName;
     }
-
     std::optional<std::string> displayName(NetworkInterfaceID id) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      return owner_.interfaces_.at(id).displayName;
+      Guard guard(owner_.lock_);
+      return at(id).displayName;
     }
-
     std::optional<NetworkInterfaceID> createVLAN(NetworkInterfaceID physical,
                                                  std::int64_t tag) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      if (owner_.refuseCreate || !owner_.interfaces_.at(physical).physical) return std::nullopt;
-      Interface vlan;
+      Guard guard(owner_.lock_);
+      if (owner_.refuseCreate || !at(physical).physical) return std::nullopt;
+      Interface vlan{
+          .vlan = true, .tag = tag, .parent = physical, .exists = false, .pending = true};
       if (!owner_.newVLANsWithoutName) vlan.bsdName = owner_.lowestFreeName();
-      vlan.vlan = true;
-      vlan.tag = tag;
-      vlan.parent = physical;
-      vlan.exists = false;
-      vlan.pending = true;
-      NetworkInterfaceID id = owner_.append(std::move(vlan));
-      created_.push_back(id);
-      return id;
+      owner_.interfaces_.push_back(vlan);
+      created_.push_back(owner_.interfaces_.size() - 1);
+      return created_.back();
     }
-
     bool setDisplayName(NetworkInterfaceID vlan, const std::string& name) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      owner_.interfaces_.at(vlan).displayName = name;
+      Guard guard(owner_.lock_);
+      at(vlan).displayName = name;
       return true;
     }
-
     std::optional<std::int64_t> tag(NetworkInterfaceID vlan) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      return owner_.interfaces_.at(vlan).tag;
+      Guard guard(owner_.lock_);
+      return at(vlan).tag;
     }
-
     std::optional<NetworkInterfaceID> physicalInterface(NetworkInterfaceID vlan) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
-      return owner_.interfaces_.at(vlan).parent;
+      Guard guard(owner_.lock_);
+      return at(vlan).parent;
     }
-
     bool remove(NetworkInterfaceID vlan) override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
+      Guard guard(owner_.lock_);
       removed_.push_back(vlan);
       return true;
     }
-
     bool commit() override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
+      Guard guard(owner_.lock_);
       ++owner_.commits_;
       if (owner_.failCommit) return false;
       for (NetworkInterfaceID id : created_) {
-        owner_.interfaces_[id].exists = true;
-        owner_.interfaces_[id].pending = false;
+        at(id).exists = true;
+        at(id).pending = false;
       }
-      for (NetworkInterfaceID id : removed_) owner_.interfaces_[id].exists = false;
+      for (NetworkInterfaceID id : removed_) at(id).exists = false;
       created_.clear();
       removed_.clear();
       return true;
     }
-
     bool apply() override {
-      std::lock_guard<std::mutex> guard(owner_.lock_);
+      Guard guard(owner_.lock_);
       ++owner_.applies_;
       return !owner_.failApply;
     }
 
    private:
-    // Whether this handle sees the interface: stored or made here, and not removed here.
-    bool listed(NetworkInterfaceID id, const Interface& i) const {
-      bool mine = std::find(created_.begin(), created_.end(), id) != created_.end();
-      bool gone = std::find(removed_.begin(), removed_.end(), id) != removed_.end();
-      return (i.exists || mine) && !gone;
+    using Guard = std::lock_guard<std::mutex>;
+    Interface& at(NetworkInterfaceID id) { return owner_.interfaces_.at(id); }
+    static bool has(const std::vector<NetworkInterfaceID>& ids, NetworkInterfaceID id) {
+      return std::find(ids.begin(), ids.end(), id) != ids.end();
     }
-
     template <typename Predicate>
     std::vector<NetworkInterfaceID> select(Predicate wanted) const {
       std::vector<NetworkInterfaceID> ids;
@@ -222,11 +184,16 @@ class FakeVLANConfiguration final : public VLANConfiguration {
     std::vector<NetworkInterfaceID> removed_;
   };
 
-  NetworkInterfaceID append(Interface interface) {
+  NetworkInterfaceID add(Interface interface) {
+    std::lock_guard<std::mutex> guard(lock_);
     interfaces_.push_back(std::move(interface));
     return interfaces_.size() - 1;
   }
-
+  template <typename T>
+  T locked(const T& value) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return value;
+  }
   // vlan<N> with the lowest N that no stored or pending interface has.
   std::string lowestFreeName() const {
     for (int n = 0;; ++n) {

@@ -16,6 +16,7 @@ namespace {
 using HelperVLAN::Record;
 using HelperVLAN::VLANError;
 using Lines = std::vector<std::string>;
+using Fake = FakeVLANConfiguration;
 
 // The message of the VLANError the call throws, or "<no error>".
 std::string errorOf(const std::function<void()>& call) {
@@ -40,47 +41,41 @@ class HelperVLANTest : public ::testing::Test {
   }
   void remove(const std::string& bsdName) { HelperVLAN::deleteVLAN(test.env, fake, bsdName); }
   std::vector<CreatedVLAN> list() { return HelperVLAN::createdVLANs(test.env, fake); }
-  void writeRecords(const std::string& json) { test.tree.write(recordPath(), json, 0600); }
-  std::string recordPath() const { return "Library/Application Support/Tarnly/vlans.json"; }
+  void writeRecords(const std::string& json) {
+    test.tree.write("Library/Application Support/Tarnly/vlans.json", json, 0600);
+  }
   std::string records() const { return contentOf(test.recordFile()); }
 
   TestEnvironment test;
-  FakeVLANConfiguration fake;
+  Fake fake;
   NetworkInterfaceID en0 = 0;
   NetworkInterfaceID en1 = 0;
 };
 
 TEST_F(HelperVLANTest, CreateMakesTheVLANRecordsItAndLogs) {
-  EXPECT_EQ(create("Office", 5, "en1"), "vlan0");
-  EXPECT_EQ(create("Lab", 6, "en0"), "vlan1");
+  EXPECT_EQ(create(" \t Office\u00a0", 5, "en1"), "vlan0");
+  EXPECT_EQ(create(" \t ", 6, "en0"), "vlan1");
+  EXPECT_EQ(create("\nLab\n", -7, "en0"), "vlan2");  // the system decides about tags
 
-  std::optional<FakeVLANConfiguration::Interface> vlan = fake.find("vlan0");
+  std::optional<Fake::Interface> vlan = fake.find("vlan0");
   ASSERT_TRUE(vlan.has_value());
   EXPECT_EQ(vlan->tag, 5);
   EXPECT_EQ(vlan->parent, en1);
+  // Display names are trimmed of blanks only; a blank name sets none.
   EXPECT_EQ(vlan->displayName, "Office");
-  EXPECT_EQ(fake.clients(), (Lines{"TarnlyAdminHelper", "TarnlyAdminHelper"}));
-  EXPECT_EQ(fake.commits(), 2);
-  EXPECT_EQ(fake.applies(), 2);
-
-  EXPECT_EQ(records(), R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en1"},)"
-                       R"({"bsdName":"vlan1","tag":6,"parentBSD":"en0"}])");
-  EXPECT_EQ(modeOf(test.recordFile()), 0600);
-  EXPECT_EQ(test.logged(),
-            (Lines{"Created VLAN vlan0 (tag 5) on en1.", "Created VLAN vlan1 (tag 6) on en0."}));
-}
-
-TEST_F(HelperVLANTest, DisplayNameIsTrimmedOfBlanksOnlyAndABlankNameSetsNone) {
-  create(" \t Office\u00a0", 1, "en0");
-  create(" \t ", 2, "en0");
-  create("\nLab\n", 3, "en0");
-  EXPECT_EQ(fake.find("vlan0")->displayName, "Office");
   EXPECT_EQ(fake.find("vlan1")->displayName, std::nullopt);
   EXPECT_EQ(fake.find("vlan2")->displayName, "\nLab\n");
-  // The system decides about tags; the helper passes any through.
-  create("", -7, "en1");
-  EXPECT_EQ(fake.find("vlan3")->tag, -7);
-  EXPECT_EQ(test.logged().back(), "Created VLAN vlan3 (tag -7) on en1.");
+  EXPECT_EQ(fake.clients(), Lines(3, "TarnlyAdminHelper"));
+  EXPECT_EQ(fake.commits(), 3);
+  EXPECT_EQ(fake.applies(), 3);
+
+  EXPECT_EQ(records(), R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en1"},)"
+                       R"({"bsdName":"vlan1","tag":6,"parentBSD":"en0"},)"
+                       R"({"bsdName":"vlan2","tag":-7,"parentBSD":"en0"}])");
+  EXPECT_EQ(modeOf(test.recordFile()), 0600);
+  EXPECT_EQ(test.logged(),
+            (Lines{"Created VLAN vlan0 (tag 5) on en1.", "Created VLAN vlan1 (tag 6) on en0.",
+                   "Created VLAN vlan2 (tag -7) on en0."}));
 }
 
 TEST_F(HelperVLANTest, CreateDropsRecordsOfVanishedVLANsAndReplacesAReusedName) {
@@ -95,21 +90,13 @@ TEST_F(HelperVLANTest, CreateDropsRecordsOfVanishedVLANsAndReplacesAReusedName) 
                        R"({"bsdName":"vlan0","tag":10,"parentBSD":"en0"},)"
                        R"({"bsdName":"vlan1","tag":20,"parentBSD":"en1"}])");
 
-  fake.change("vlan0", [](FakeVLANConfiguration::Interface& i) { i.exists = false; });
-  EXPECT_EQ(create("", 21, "en1"), "vlan0");
-  EXPECT_EQ(records(), R"([{"bsdName":"vlan2","tag":12,"parentBSD":"en1"},)"
-                       R"({"bsdName":"vlan1","tag":20,"parentBSD":"en1"},)"
-                       R"({"bsdName":"vlan0","tag":21,"parentBSD":"en1"}])");
-}
-
-TEST_F(HelperVLANTest, CreateWithoutABSDNameRecordsNothingButStillPrunes) {
-  fake.addVLAN("vlan0", 10, en0);
-  writeRecords(R"([{"bsdName":"vlan0","tag":10,"parentBSD":"en0"},)"
-               R"({"bsdName":"vlan5","tag":15,"parentBSD":"en0"}])");
+  // A VLAN without a BSD name is reported as "" and not recorded; the vanished vlan0 still goes.
+  fake.change("vlan0", [](Fake::Interface& i) { i.exists = false; });
   fake.newVLANsWithoutName = true;
   EXPECT_EQ(create("x", 7, "en0"), "");
-  EXPECT_EQ(test.logged(), Lines{"Created VLAN  (tag 7) on en0."});
-  EXPECT_EQ(records(), R"([{"bsdName":"vlan0","tag":10,"parentBSD":"en0"}])");
+  EXPECT_EQ(test.logged().back(), "Created VLAN  (tag 7) on en0.");
+  EXPECT_EQ(records(), R"([{"bsdName":"vlan2","tag":12,"parentBSD":"en1"},)"
+                       R"({"bsdName":"vlan1","tag":20,"parentBSD":"en1"}])");
 
   // Without any VLAN listed, every record goes and the file is an empty array.
   fake.noVLANList = true;
@@ -117,59 +104,67 @@ TEST_F(HelperVLANTest, CreateWithoutABSDNameRecordsNothingButStillPrunes) {
   EXPECT_EQ(records(), "[]");
 }
 
-TEST_F(HelperVLANTest, CreateRefusalsCarryTheirMessagesAndLeaveTheRecordAlone) {
-  const std::string before = R"([{"bsdName":"vlan9","tag":9,"parentBSD":"en0"}])";
+TEST_F(HelperVLANTest, RefusalsCarryTheirMessagesAndLeaveTheRecordAlone) {
   fake.addVLAN("vlan9", 9, en0);
-  writeRecords(before);
+  create("", 5, "en0");  // vlan0
+  const std::string before = records();
+  const std::string noSave = "Could not save the network configuration.";
+  const std::string noOpen = "Could not open the system network preferences.";
 
-  EXPECT_EQ(errorOf([&] { create("", 5, "en2"); }), "No physical interface named en2.");
-  EXPECT_EQ(errorOf([&] { create("", 5, "vlan9"); }), "No physical interface named vlan9.");
-  EXPECT_EQ(errorOf([&] { create("", 5, ""); }), "No physical interface named .");
-  EXPECT_EQ(errorOf([&] { create("", 5, "EN0"); }), "No physical interface named EN0.");
-  fake.noPhysicalList = true;
-  EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }), "No physical interface named en0.");
-  fake.noPhysicalList = false;
+  for (const char* parent : {"en2", "vlan9", "", "EN0"}) {
+    EXPECT_EQ(errorOf([&] { create("", 5, parent); }),
+              std::string("No physical interface named ") + parent + ".");
+  }
+  EXPECT_EQ(errorOf([&] { remove("vlan4"); }), "No VLAN interface named vlan4.");
+  EXPECT_EQ(errorOf([&] { remove("en0"); }), "No VLAN interface named en0.");
 
-  fake.refuseCreate = true;
-  EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }), "macOS refused to create the VLAN interface.");
-  fake.refuseCreate = false;
-
-  fake.failCommit = true;
-  EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }), "Could not save the network configuration.");
-  EXPECT_EQ(fake.applies(), 0);  // no apply after a failed commit
-  fake.failCommit = false;
-
-  // A failed apply keeps the saved VLAN, which then has no record.
-  fake.failApply = true;
-  EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }), "Could not save the network configuration.");
+  struct Case {
+    bool Fake::*knob;
+    std::string onCreate;
+    std::string onDelete;
+  };
+  for (const Case& c :
+       {Case{&Fake::noPhysicalList, "No physical interface named en0.", ""},
+        Case{&Fake::noVLANList, "", "No VLAN interface named vlan0."},
+        Case{&Fake::refuseCreate, "macOS refused to create the VLAN interface.", ""},
+        Case{&Fake::failCommit, noSave, noSave}, Case{&Fake::refuseHandle, noOpen, noOpen}}) {
+    fake.*c.knob = true;
+    if (!c.onCreate.empty()) {
+      EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }), c.onCreate);
+    }
+    if (!c.onDelete.empty()) {
+      EXPECT_EQ(errorOf([&] { remove("vlan0"); }), c.onDelete);
+    }
+    fake.*c.knob = false;
+  }
+  EXPECT_EQ(fake.applies(), 1);  // no apply after a failed commit
   EXPECT_EQ(fake.vlanNames(), (Lines{"vlan9", "vlan0"}));
-  fake.failApply = false;
 
-  fake.refuseHandle = true;
-  EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }),
-            "Could not open the system network preferences.");
+  // A failed apply keeps what was saved: a created VLAN without a record, a deleted VLAN's record.
+  fake.failApply = true;
+  EXPECT_EQ(errorOf([&] { create("", 5, "en0"); }), noSave);
+  EXPECT_EQ(fake.vlanNames(), (Lines{"vlan9", "vlan0", "vlan1"}));
+  EXPECT_EQ(errorOf([&] { remove("vlan0"); }), noSave);
+  EXPECT_EQ(fake.vlanNames(), (Lines{"vlan9", "vlan1"}));
 
   EXPECT_EQ(records(), before);
-  EXPECT_TRUE(test.logged().empty());
+  EXPECT_EQ(test.logged(), Lines{"Created VLAN vlan0 (tag 5) on en0."});
 }
 
-TEST_F(HelperVLANTest, DeleteRemovesARecordedVLANAndItsRecord) {
+TEST_F(HelperVLANTest, DeleteRemovesOnlyVLANsTheHelperRecorded) {
   create("A", 5, "en0");
   create("B", 6, "en1");
   remove("vlan0");
   EXPECT_EQ(fake.vlanNames(), Lines{"vlan1"});
   EXPECT_EQ(records(), R"([{"bsdName":"vlan1","tag":6,"parentBSD":"en1"}])");
   EXPECT_EQ(test.logged().back(), "Deleted VLAN vlan0.");
-
   // Duplicated records of the same VLAN all go.
   writeRecords(R"([{"bsdName":"vlan1","tag":6,"parentBSD":"en1"},)"
                R"({"bsdName":"vlan1","tag":6,"parentBSD":"en1"}])");
   remove("vlan1");
   EXPECT_EQ(records(), "[]");
   EXPECT_TRUE(fake.vlanNames().empty());
-}
 
-TEST_F(HelperVLANTest, DeleteLeavesVLANsTheHelperDidNotCreate) {
   fake.addVLAN("vlan7", 7, en0);                      // made by the user
   fake.addVLAN("vlan8", 8, en1);                      // recorded with another tag
   fake.addVLAN("vlan9", 9, en1);                      // recorded on another parent
@@ -178,17 +173,17 @@ TEST_F(HelperVLANTest, DeleteLeavesVLANsTheHelperDidNotCreate) {
                              R"({"bsdName":"vlan9","tag":9,"parentBSD":"en0"},)"
                              R"({"bsdName":"vlan6","tag":-1,"parentBSD":"x"}])";
   writeRecords(before);
-
+  const int commits = fake.commits();
+  Lines expected = test.logged();
   for (const char* name : {"vlan7", "vlan8", "vlan9", "vlan6"}) {
     EXPECT_EQ(errorOf([&] { remove(name); }), "Tarnly's helper only removes VLANs it created.");
+    expected.push_back(std::string("Left VLAN ") + name +
+                       " alone: Tarnly's helper didn't create it.");
   }
-  EXPECT_EQ(test.logged(), (Lines{"Left VLAN vlan7 alone: Tarnly's helper didn't create it.",
-                                  "Left VLAN vlan8 alone: Tarnly's helper didn't create it.",
-                                  "Left VLAN vlan9 alone: Tarnly's helper didn't create it.",
-                                  "Left VLAN vlan6 alone: Tarnly's helper didn't create it."}));
+  EXPECT_EQ(test.logged(), expected);
   EXPECT_EQ(fake.vlanNames(), (Lines{"vlan7", "vlan8", "vlan9", "vlan6"}));
   EXPECT_EQ(records(), before);
-  EXPECT_EQ(fake.commits(), 0);
+  EXPECT_EQ(fake.commits(), commits);
 
   // A VLAN without tag or parent is the helper's when recorded as (-1, "").
   writeRecords(R"([{"bsdName":"vlan6","tag":-1,"parentBSD":""}])");
@@ -196,65 +191,34 @@ TEST_F(HelperVLANTest, DeleteLeavesVLANsTheHelperDidNotCreate) {
   EXPECT_EQ(records(), "[]");
 }
 
-TEST_F(HelperVLANTest, DeleteRefusalsCarryTheirMessages) {
-  create("", 5, "en0");
-  const std::string before = records();
-  EXPECT_EQ(errorOf([&] { remove("vlan4"); }), "No VLAN interface named vlan4.");
-  EXPECT_EQ(errorOf([&] { remove("en0"); }), "No VLAN interface named en0.");
-  fake.noVLANList = true;
-  EXPECT_EQ(errorOf([&] { remove("vlan0"); }), "No VLAN interface named vlan0.");
-  fake.noVLANList = false;
-
-  fake.failCommit = true;
-  EXPECT_EQ(errorOf([&] { remove("vlan0"); }), "Could not save the network configuration.");
-  fake.failCommit = false;
-  EXPECT_EQ(fake.vlanNames(), Lines{"vlan0"});
-
-  // Saved but not applied: the record stays.
-  fake.failApply = true;
-  EXPECT_EQ(errorOf([&] { remove("vlan0"); }), "Could not save the network configuration.");
-  EXPECT_TRUE(fake.vlanNames().empty());
-  fake.failApply = false;
-
-  fake.refuseHandle = true;
-  EXPECT_EQ(errorOf([&] { remove("vlan0"); }), "Could not open the system network preferences.");
-  EXPECT_EQ(records(), before);
-  EXPECT_EQ(test.logged(), Lines{"Created VLAN vlan0 (tag 5) on en0."});
-}
-
 TEST_F(HelperVLANTest, ListingShowsRecordedVLANsThatStillMatch) {
+  // Without records (no file, empty, unreadable) no handle is opened.
   fake.addVLAN("vlan3", 3, en0, "Outside");  // not recorded
-  create("Office", 5, "en0");                // vlan0
-  create("  ", 6, "en1");                    // vlan1, no display name
-  create("Lab", 7, "en1");                   // vlan2
-  fake.change("vlan2", [&](FakeVLANConfiguration::Interface& i) { i.parent = en0; });
+  for (const char* json : {"", "[]", "not json"}) {
+    if (*json != '\0') writeRecords(json);
+    EXPECT_TRUE(list().empty()) << json;
+  }
+  EXPECT_TRUE(fake.clients().empty());
+
+  create("Office", 5, "en0");  // vlan0
+  create("  ", 6, "en1");      // vlan1, no display name
+  create("Lab", 7, "en1");     // vlan2
+  fake.change("vlan2", [&](Fake::Interface& i) { i.parent = en0; });
   create("Gone", 8, "en1");  // vlan4
-  fake.change("vlan4", [](FakeVLANConfiguration::Interface& i) { i.exists = false; });
+  fake.change("vlan4", [](Fake::Interface& i) { i.exists = false; });
   const std::string before = records();
 
   EXPECT_EQ(list(),
             (std::vector<CreatedVLAN>{{"vlan0", 5, "en0", "Office"}, {"vlan1", 6, "en1", ""}}));
   EXPECT_EQ(records(), before);  // the vanished vlan4 stays recorded until the next create
 
-  fake.change("vlan1", [](FakeVLANConfiguration::Interface& i) { i.tag = 60; });
+  fake.change("vlan1", [](Fake::Interface& i) { i.tag = 60; });
   EXPECT_EQ(list(), (std::vector<CreatedVLAN>{{"vlan0", 5, "en0", "Office"}}));
-
   fake.noVLANList = true;
   EXPECT_TRUE(list().empty());
   fake.noVLANList = false;
   fake.refuseHandle = true;
   EXPECT_TRUE(list().empty());
-}
-
-TEST_F(HelperVLANTest, ListingWithoutRecordsOpensNoHandle) {
-  fake.addVLAN("vlan0", 5, en0);
-  EXPECT_TRUE(list().empty());
-  writeRecords("[]");
-  EXPECT_TRUE(list().empty());
-  writeRecords("not json");
-  EXPECT_TRUE(list().empty());
-  EXPECT_TRUE(fake.clients().empty());
-  EXPECT_FALSE(pathExists(test.paths.stateDirectory + "/vlans.json.tmp"));
 }
 
 TEST_F(HelperVLANTest, ConcurrentCreatesAndDeletesLoseNoRecord) {
@@ -262,15 +226,13 @@ TEST_F(HelperVLANTest, ConcurrentCreatesAndDeletesLoseNoRecord) {
   constexpr int kPerThread = 4;
   fake.addVLAN("vlan99", 99, en0);  // not the helper's; refused each time
   std::vector<std::thread> threads;
-  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < kPerThread; ++i) {
         std::string name;
         EXPECT_NO_THROW(name = create("", 100 * t + i, t % 2 == 0 ? "en0" : "en1"));
-        // Every other VLAN is deleted again right away.
         if (i % 2 == 1) {
-          EXPECT_NO_THROW(remove(name)) << name;
+          EXPECT_NO_THROW(remove(name)) << name;  // every other one goes again
         }
         EXPECT_THROW(remove("vlan99"), VLANError);
         HelperVLAN::removeRecordFileIfEmpty(test.env);

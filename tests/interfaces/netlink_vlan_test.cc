@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,12 +44,27 @@ bool linkExists(const std::string& link) {
   return ip({"link", "show", "dev", link}).status == 0;
 }
 
+// The BSD names of `ids`, and the one of `ids` named `name`.
 std::vector<std::string> names(VLANPreferences& preferences,
                                const std::vector<NetworkInterfaceID>& ids) {
   std::vector<std::string> result;
-  result.reserve(ids.size());
   for (NetworkInterfaceID id : ids) result.push_back(preferences.bsdName(id).value_or("<none>"));
   return result;
+}
+std::optional<NetworkInterfaceID> named(VLANPreferences& preferences,
+                                        const std::optional<std::vector<NetworkInterfaceID>>& ids,
+                                        const std::string& name) {
+  for (NetworkInterfaceID id : ids.value_or(std::vector<NetworkInterfaceID>{})) {
+    if (preferences.bsdName(id) == name) return id;
+  }
+  return std::nullopt;
+}
+// A VLAN with `tag` planned in `preferences` on the physical interface named `parent`.
+std::optional<NetworkInterfaceID> plan(VLANPreferences& preferences, const std::string& parent,
+                                       std::int64_t tag) {
+  std::optional<NetworkInterfaceID> physical =
+      named(preferences, preferences.availablePhysicalInterfaces(), parent);
+  return physical ? preferences.createVLAN(*physical, tag) : std::nullopt;
 }
 
 // The message of the VLANError the call throws, or "<no error>".
@@ -60,10 +75,6 @@ std::string errorOf(const std::function<void()>& call) {
     return error.what();
   }
   return "<no error>";
-}
-
-bool contains(const std::vector<std::string>& list, const std::string& item) {
-  return std::find(list.begin(), list.end(), item) != list.end();
 }
 
 // The tests of NetlinkVLANInNamespace, as this binary lists them.
@@ -194,12 +205,8 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_VLANMadeOutsideIsListedButNotDeleted) {
 
   std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
   ASSERT_NE(preferences, nullptr);
-  std::optional<std::vector<NetworkInterfaceID>> vlans = preferences->allVLANInterfaces();
-  ASSERT_TRUE(vlans.has_value());
-  std::optional<NetworkInterfaceID> outside;
-  for (NetworkInterfaceID id : *vlans) {
-    if (preferences->bsdName(id) == "vlan7") outside = id;
-  }
+  std::optional<NetworkInterfaceID> outside =
+      named(*preferences, preferences->allVLANInterfaces(), "vlan7");
   ASSERT_TRUE(outside.has_value());
   EXPECT_EQ(preferences->tag(*outside), 7);
   std::optional<NetworkInterfaceID> parent = preferences->physicalInterface(*outside);
@@ -207,12 +214,8 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_VLANMadeOutsideIsListedButNotDeleted) {
   EXPECT_EQ(preferences->bsdName(*parent), "eth2x");
   EXPECT_EQ(preferences->displayName(*outside), std::nullopt);
 
-  try {
-    HelperVLAN::deleteVLAN(test.env, configuration, "vlan7");
-    FAIL() << "expected a refusal";
-  } catch (const HelperVLAN::VLANError& error) {
-    EXPECT_STREQ(error.what(), "Tarnly's helper only removes VLANs it created.");
-  }
+  EXPECT_EQ(errorOf([&] { HelperVLAN::deleteVLAN(test.env, configuration, "vlan7"); }),
+            "Tarnly's helper only removes VLANs it created.");
   EXPECT_TRUE(linkExists("vlan7"));
   EXPECT_EQ(test.logged(),
             (std::vector<std::string>{"Left VLAN vlan7 alone: Tarnly's helper didn't create it."}));
@@ -240,39 +243,24 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_OnlyPlainEthernetLinksCarryVLANs) {
   std::optional<std::vector<NetworkInterfaceID>> physical =
       preferences->availablePhysicalInterfaces();
   ASSERT_TRUE(physical.has_value());
-  std::vector<std::string> available = names(*preferences, *physical);
-  EXPECT_EQ(available, std::vector<std::string>{"eth3x"});
+  EXPECT_EQ(names(*preferences, *physical), std::vector<std::string>{"eth3x"});
 
   for (const char* parent : {"eth9x", "br3x", "mv3x", "tap3x", "lo", "vlan30"}) {
-    try {
-      HelperVLAN::create(test.env, configuration, "x", 5, parent);
-      ADD_FAILURE() << "created a VLAN on " << parent;
-    } catch (const HelperVLAN::VLANError& error) {
-      EXPECT_EQ(error.kind(), HelperVLAN::VLANError::Kind::noSuchPhysicalInterface);
-      EXPECT_EQ(std::string(error.what()),
-                std::string("No physical interface named ") + parent + ".");
-    }
+    EXPECT_EQ(errorOf([&] { HelperVLAN::create(test.env, configuration, "x", 5, parent); }),
+              std::string("No physical interface named ") + parent + ".");
   }
   // Ids outside 802.1Q's usable range never reach the kernel.
-  for (std::int64_t tag :
-       {std::int64_t{0}, std::int64_t{4095}, std::int64_t{65536 + 5}, std::int64_t{-1}}) {
-    try {
-      HelperVLAN::create(test.env, configuration, "", tag, "eth3x");
-      ADD_FAILURE() << "created a VLAN with tag " << tag;
-    } catch (const HelperVLAN::VLANError& error) {
-      EXPECT_EQ(error.kind(), HelperVLAN::VLANError::Kind::createFailed) << tag;
-    }
+  for (std::int64_t tag : {0, 4095, 65536 + 5, -1}) {
+    EXPECT_EQ(errorOf([&] { HelperVLAN::create(test.env, configuration, "", tag, "eth3x"); }),
+              "macOS refused to create the VLAN interface.")
+        << tag;
   }
   EXPECT_FALSE(pathExists(test.recordFile()));
 
   if (!vlanSupported_) {
     // The kernel refuses the link when it is carried out: nothing is recorded and nothing stays.
-    try {
-      HelperVLAN::create(test.env, configuration, "Lab", 4094, "eth3x");
-      ADD_FAILURE() << "a kernel without VLANs made one";
-    } catch (const HelperVLAN::VLANError& error) {
-      EXPECT_STREQ(error.what(), "Could not save the network configuration.");
-    }
+    EXPECT_EQ(errorOf([&] { HelperVLAN::create(test.env, configuration, "Lab", 4094, "eth3x"); }),
+              "Could not save the network configuration.");
     EXPECT_FALSE(pathExists(test.recordFile()));
     EXPECT_FALSE(linkExists("vlan0"));
     EXPECT_TRUE(test.logged().empty());
@@ -287,39 +275,28 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_OnlyPlainEthernetLinksCarryVLANs) {
 TEST_F(NetlinkVLANInNamespace, DISABLED_CommitRefusesChangesTheKernelNoLongerAllows) {
   addParent("eth4x");
   addParent("eth5x");
-  std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
-  ASSERT_NE(preferences, nullptr);
-  std::optional<std::vector<NetworkInterfaceID>> physical =
-      preferences->availablePhysicalInterfaces();
-  ASSERT_TRUE(physical.has_value());
-  std::optional<NetworkInterfaceID> eth4x;
-  std::optional<NetworkInterfaceID> eth5x;
-  for (NetworkInterfaceID id : *physical) {
-    if (preferences->bsdName(id) == "eth4x") eth4x = id;
-    if (preferences->bsdName(id) == "eth5x") eth5x = id;
-  }
-  ASSERT_TRUE(eth4x && eth5x);
-
   // A VLAN on a parent that went away in between.
-  std::optional<NetworkInterfaceID> onEth4x = preferences->createVLAN(*eth4x, 200);
+  std::unique_ptr<VLANPreferences> first = configuration.createPreferences("test");
+  ASSERT_NE(first, nullptr);
+  std::optional<NetworkInterfaceID> onEth4x = plan(*first, "eth4x", 200);
   ASSERT_TRUE(onEth4x.has_value());
-  EXPECT_EQ(preferences->bsdName(*onEth4x), "vlan0");
-  EXPECT_EQ(preferences->tag(*onEth4x), 200);
-  EXPECT_EQ(preferences->physicalInterface(*onEth4x), eth4x);
-  std::optional<std::vector<NetworkInterfaceID>> listed = preferences->allVLANInterfaces();
+  EXPECT_EQ(first->bsdName(*onEth4x), "vlan0");
+  EXPECT_EQ(first->tag(*onEth4x), 200);
+  EXPECT_EQ(first->physicalInterface(*onEth4x),
+            named(*first, first->availablePhysicalInterfaces(), "eth4x"));
+  std::optional<std::vector<NetworkInterfaceID>> listed = first->allVLANInterfaces();
   ASSERT_TRUE(listed.has_value());
-  EXPECT_EQ(names(*preferences, *listed), std::vector<std::string>{"vlan0"});
+  EXPECT_EQ(names(*first, *listed), std::vector<std::string>{"vlan0"});
   mustIP({"link", "del", "eth4x"});
-  EXPECT_FALSE(preferences->commit());
-  EXPECT_TRUE(preferences->apply());  // nothing was committed, so nothing is done
+  EXPECT_FALSE(first->commit());
+  EXPECT_TRUE(first->apply());  // nothing was committed, so nothing is done
   EXPECT_FALSE(linkExists("vlan0"));
 
   // A VLAN made and removed again in the same handle is never carried out.
   std::unique_ptr<VLANPreferences> second = configuration.createPreferences("test");
-  std::optional<std::vector<NetworkInterfaceID>> secondPhysical =
-      second->availablePhysicalInterfaces();
-  ASSERT_TRUE(secondPhysical.has_value() && secondPhysical->size() == 1);
-  std::optional<NetworkInterfaceID> dropped = second->createVLAN(secondPhysical->front(), 300);
+  ASSERT_EQ(
+      second->availablePhysicalInterfaces().value_or(std::vector<NetworkInterfaceID>{}).size(), 1U);
+  std::optional<NetworkInterfaceID> dropped = plan(*second, "eth5x", 300);
   ASSERT_TRUE(dropped.has_value());
   EXPECT_TRUE(second->remove(*dropped));
   EXPECT_FALSE(second->remove(*dropped));
@@ -331,10 +308,7 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_CommitRefusesChangesTheKernelNoLongerAll
   SKIP_WITHOUT_VLANS();
   // Another program takes the planned name in between: the VLAN gets the next free one.
   std::unique_ptr<VLANPreferences> third = configuration.createPreferences("test");
-  std::optional<std::vector<NetworkInterfaceID>> thirdPhysical =
-      third->availablePhysicalInterfaces();
-  ASSERT_TRUE(thirdPhysical.has_value() && thirdPhysical->size() == 1);
-  std::optional<NetworkInterfaceID> vlan = third->createVLAN(thirdPhysical->front(), 100);
+  std::optional<NetworkInterfaceID> vlan = plan(*third, "eth5x", 100);
   ASSERT_TRUE(vlan.has_value());
   std::string planned = third->bsdName(*vlan).value_or("");
   addParent(planned);
@@ -351,13 +325,7 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_CommitRefusesChangesTheKernelNoLongerAll
 
   // A parent and tag that another program took meanwhile.
   std::unique_ptr<VLANPreferences> fourth = configuration.createPreferences("test");
-  std::optional<std::vector<NetworkInterfaceID>> fourthPhysical =
-      fourth->availablePhysicalInterfaces();
-  ASSERT_TRUE(fourthPhysical.has_value());
-  std::optional<NetworkInterfaceID> onEth5x;
-  for (NetworkInterfaceID id : *fourthPhysical) {
-    if (fourth->bsdName(id) == "eth5x") onEth5x = fourth->createVLAN(id, 300);
-  }
+  std::optional<NetworkInterfaceID> onEth5x = plan(*fourth, "eth5x", 300);
   ASSERT_TRUE(onEth5x.has_value());
   std::string plannedOnEth5x = fourth->bsdName(*onEth5x).value_or("");
   mustIP({"link", "add", "link", "eth5x", "name", "outside300", "type", "vlan", "id", "300"});
@@ -365,15 +333,12 @@ TEST_F(NetlinkVLANInNamespace, DISABLED_CommitRefusesChangesTheKernelNoLongerAll
   EXPECT_FALSE(linkExists(plannedOnEth5x));
 }
 
-// Every descriptor of the layer is close-on-exec and closed again with its handle.
-std::vector<std::string> openDescriptors() {
-  std::vector<std::string> fds;
+// The descriptors this process has open (the listing's own left out).
+std::set<std::string> openDescriptors() {
+  std::set<std::string> fds;
   if (DIR* dir = ::opendir("/proc/self/fd")) {
-    int own = ::dirfd(dir);
-    while (dirent* entry = ::readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != ".." && name != std::to_string(own)) fds.push_back(name);
-    }
+    while (dirent* entry = ::readdir(dir)) fds.insert(entry->d_name);
+    fds.erase(std::to_string(::dirfd(dir)));
     ::closedir(dir);
   }
   return fds;
@@ -381,14 +346,14 @@ std::vector<std::string> openDescriptors() {
 
 TEST_F(NetlinkVLANInNamespace, DISABLED_SocketsAreCloseOnExecAndFreedOnEveryPath) {
   addParent("eth6x");
-  std::vector<std::string> before = openDescriptors();
+  const std::set<std::string> before = openDescriptors();
   {
     std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
     ASSERT_NE(preferences, nullptr);
-    std::vector<std::string> during = openDescriptors();
+    std::set<std::string> during = openDescriptors();
     ASSERT_GT(during.size(), before.size());
     for (const std::string& fd : during) {
-      if (contains(before, fd)) continue;
+      if (before.count(fd) != 0) continue;
       int flags = ::fcntl(std::stoi(fd), F_GETFD);
       EXPECT_TRUE(flags >= 0 && (flags & FD_CLOEXEC) != 0) << "descriptor " << fd;
     }

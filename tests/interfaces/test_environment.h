@@ -17,19 +17,17 @@ inline TimePoint fixedTestTime() {
   return fromSecondsSinceReferenceDate(800000000);
 }
 
-inline HostPaths testPaths(const TempTree& tree) {
-  HostPaths paths;
-  paths.stateDirectory = tree.path("Library/Application Support/Tarnly");
-  paths.logFile = tree.path("helper.log");
-  paths.rotatedLogFile = tree.path("helper.log.1");
-  paths.pgrep = tree.path("bin/pgrep");
-  paths.ifconfig = tree.path("bin/ifconfig");
-  return paths;
-}
-
 struct TestEnvironment {
   TempTree tree;
-  HostPaths paths = testPaths(tree);
+  HostPaths paths = [this] {
+    HostPaths p;
+    p.stateDirectory = tree.path("Library/Application Support/Tarnly");
+    p.logFile = tree.path("helper.log");
+    p.rotatedLogFile = tree.path("helper.log.1");
+    p.pgrep = tree.path("bin/pgrep");
+    p.ifconfig = tree.path("bin/ifconfig");
+    return p;
+  }();
   HelperLog log{paths.logFile, paths.rotatedLogFile, fixedTestTime};
   HelperEnvironment env{paths, fixedTestTime, log};
 
@@ -38,11 +36,9 @@ struct TestEnvironment {
   // The logged messages, time stamps left out.
   std::vector<std::string> logged() const {
     std::vector<std::string> messages;
-    std::optional<std::string> text = readFile(paths.logFile);
-    if (!text) return messages;
-    for (std::string_view line : split(*text, '\n', false)) {
-      std::string_view::size_type blank = line.find(' ');
-      messages.emplace_back(blank == std::string_view::npos ? line : line.substr(blank + 1));
+    const std::string text = readFile(paths.logFile).value_or("");
+    for (std::string_view line : split(text, '\n', false)) {
+      messages.emplace_back(line.substr(line.find(' ') + 1));  // npos + 1 is 0: the whole line
     }
     return messages;
   }

@@ -43,59 +43,43 @@ TEST(VLANRecords, EncodingIsCompactInDeclaredOrder) {
   EXPECT_EQ(HelperVLAN::decodeRecords(json), records);
 }
 
-TEST(VLANRecords, LoadingReadsProblemsAsNoRecordsWithoutLogging) {
+TEST(VLANRecords, LoadAndSaveKeepAPrivateFileAndNeverThrow) {
   TestEnvironment test;
   EXPECT_TRUE(HelperVLAN::loadRecords(test.env).empty());
-  createDirectories(test.paths.stateDirectory);
-  writeFileAtomically(test.recordFile(), R"([{"bsdName":"v"}])", 0600);
-  EXPECT_TRUE(HelperVLAN::loadRecords(test.env).empty());
-  HelperVLAN::saveRecords(test.env, {{"vlan3", 3, "en0"}});
-  EXPECT_EQ(HelperVLAN::loadRecords(test.env), (std::vector<Record>{{"vlan3", 3, "en0"}}));
-  EXPECT_TRUE(test.logged().empty());
-}
+  HelperVLAN::removeRecordFileIfEmpty(test.env);  // no file, no folder: nothing happens
+  EXPECT_FALSE(pathExists(test.paths.stateDirectory));
 
-TEST(VLANRecords, SavingCreatesTheFolderAndWritesAPrivateFile) {
-  TestEnvironment test;
   ::umask(0);
-  HelperVLAN::saveRecords(test.env, {{"vlan0", 5, "en0"}});
+  HelperVLAN::saveRecords(test.env, {{"vlan3", 3, "en0"}});
   ::umask(022);
-  EXPECT_EQ(contentOf(test.recordFile()), R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en0"}])");
+  EXPECT_EQ(contentOf(test.recordFile()), R"([{"bsdName":"vlan3","tag":3,"parentBSD":"en0"}])");
   EXPECT_EQ(modeOf(test.recordFile()), 0600);
+  EXPECT_EQ(HelperVLAN::loadRecords(test.env), (std::vector<Record>{{"vlan3", 3, "en0"}}));
+  HelperVLAN::removeRecordFileIfEmpty(test.env);  // a file listing VLANs stays
+  EXPECT_EQ(HelperVLAN::loadRecords(test.env).size(), 1U);
   // An existing file of another mode is replaced by a private one.
   ASSERT_TRUE(setMode(test.recordFile(), 0644));
   HelperVLAN::saveRecords(test.env, {});
   EXPECT_EQ(contentOf(test.recordFile()), "[]");
   EXPECT_EQ(modeOf(test.recordFile()), 0600);
-}
 
-TEST(VLANRecords, SavingFailureIsLoggedAndNotThrown) {
-  TestEnvironment test;
-  // The state folder's place is taken by a file.
-  test.tree.write("Library/Application Support/Tarnly", "not a folder");
-  EXPECT_NO_THROW(HelperVLAN::saveRecords(test.env, {{"vlan0", 5, "en0"}}));
-  std::vector<std::string> logged = test.logged();
-  ASSERT_EQ(logged.size(), 1U);
-  EXPECT_EQ(logged[0].rfind("Could not record Tarnly's VLANs: ", 0), 0U) << logged[0];
-  EXPECT_NE(logged[0].find(test.paths.stateDirectory), std::string::npos) << logged[0];
-}
-
-TEST(VLANRecords, EmptyRecordFileIsRemovedAndAFileListingVLANsStays) {
-  TestEnvironment test;
-  HelperVLAN::removeRecordFileIfEmpty(test.env);  // no file, no folder: nothing happens
-  EXPECT_FALSE(pathExists(test.paths.stateDirectory));
-
+  // Unreadable files count as no records, and go as empty ones.
   for (const char* empty : {"[]", "", "{\"a\":1}", "[{\"bsdName\":\"v\"}]", "garbage"}) {
     test.tree.write("Library/Application Support/Tarnly/vlans.json", empty, 0600);
+    EXPECT_TRUE(HelperVLAN::loadRecords(test.env).empty()) << empty;
     HelperVLAN::removeRecordFileIfEmpty(test.env);
     EXPECT_FALSE(pathExists(test.recordFile())) << empty;
   }
-  EXPECT_TRUE(pathExists(test.paths.stateDirectory));
-
-  const std::string one = R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en0"}])";
-  test.tree.write("Library/Application Support/Tarnly/vlans.json", one, 0600);
-  HelperVLAN::removeRecordFileIfEmpty(test.env);
-  EXPECT_EQ(contentOf(test.recordFile()), one);
   EXPECT_TRUE(test.logged().empty());
+
+  // A failed save is logged, not thrown: the state folder's place is taken by a file.
+  TestEnvironment blocked;
+  blocked.tree.write("Library/Application Support/Tarnly", "not a folder");
+  EXPECT_NO_THROW(HelperVLAN::saveRecords(blocked.env, {{"vlan0", 5, "en0"}}));
+  std::vector<std::string> logged = blocked.logged();
+  ASSERT_EQ(logged.size(), 1U);
+  EXPECT_EQ(logged[0].rfind("Could not record Tarnly's VLANs: ", 0), 0U) << logged[0];
+  EXPECT_NE(logged[0].find(blocked.paths.stateDirectory), std::string::npos) << logged[0];
 }
 
 TEST(CreatedVLANJSON, EncodesCompactlyAndReadsBack) {
@@ -106,12 +90,8 @@ TEST(CreatedVLANJSON, EncodesCompactlyAndReadsBack) {
                   R"({"bsdName":"vlan1","tag":4094,"parentBSD":"en1","name":""}])");
   EXPECT_EQ(decodeCreatedVLANs(json), vlans);
   EXPECT_EQ(decodeCreatedVLANs(R"([{"bsdName":"v","tag":1,"parentBSD":"p"}])"), std::nullopt);
-  EXPECT_EQ(decodeCreatedVLANs("{}"), std::nullopt);
-}
-
-TEST(CreatedVLANJSON, BytesThatAreNotUTF8NeverFailTheEncoding) {
-  std::string json = encodeCreatedVLANs({{"vlan0", 5, "en0", "bad \xff name"}});
-  EXPECT_EQ(json,
+  // Bytes that are not UTF-8 never fail the encoding.
+  EXPECT_EQ(encodeCreatedVLANs({{"vlan0", 5, "en0", "bad \xff name"}}),
             "[{\"bsdName\":\"vlan0\",\"tag\":5,\"parentBSD\":\"en0\",\"name\":\"bad "
             "\xef\xbf\xbd name\"}]");
 }
