@@ -18,16 +18,6 @@ using HelperVLAN::VLANError;
 using Lines = std::vector<std::string>;
 using Fake = FakeVLANConfiguration;
 
-// The message of the VLANError the call throws, or "<no error>".
-std::string errorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const VLANError& error) {
-    return error.what();
-  }
-  return "<no error>";
-}
-
 class HelperVLANTest : public ::testing::Test {
  protected:
   HelperVLANTest() {

@@ -2,9 +2,11 @@
 // its log received.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "interfaces/helper_vlan.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/host_paths.h"
@@ -12,6 +14,16 @@
 #include "service/helper_environment.h"
 #include "service/helper_log.h"
 #include "support/temp_tree.h"
+
+// The message of the VLANError the call throws, or "<no error>".
+inline std::string errorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const HelperVLAN::VLANError& error) {
+    return error.what();
+  }
+  return "<no error>";
+}
 
 inline TimePoint fixedTestTime() {
   return fromSecondsSinceReferenceDate(800000000);
