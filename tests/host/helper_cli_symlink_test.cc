@@ -37,18 +37,14 @@ class HelperCLISymlinkTest : public ::testing::Test {
   }
   void install() { HelperCLISymlink::install(tree.env(), tree.users()); }
   void remove() { HelperCLISymlink::remove(tree.env(), tree.users()); }
-  // The message of the SymlinkError thrown by `operation`, or "<no error>".
-  template <typename Operation>
-  static std::string failure(Operation operation) {
+  // The message of the SymlinkError that install (or remove) throws, or "<no error>".
+  std::string failure(bool removing = false) {
     try {
-      operation();
+      removing ? remove() : install();
     } catch (const SymlinkError& error) {
       return error.what();
     }
     return "<no error>";
-  }
-  std::string installFailure() {
-    return failure([&] { install(); });
   }
   std::string bin(const std::string& name) const { return tree.usr("local/bin/" + name); }
   std::string zshLink() const { return tree.usr("local/share/zsh/site-functions/_tarnly"); }
@@ -80,18 +76,20 @@ TEST_F(HelperCLISymlinkTest, InstallLinksToolsAndCompletionsAndASecondReplacesOn
   tree.clearLog();
   install();
   EXPECT_EQ(tree.log(), firstLog) << "the same links are made and logged again";
-  EXPECT_EQ(tree.linkTarget(bin("tarnly")), tree.tool());
-  EXPECT_EQ(tree.linkTarget(bin("tqz")), tree.tool());
-  EXPECT_EQ(tree.linkTarget(zshLink()), zsh);
-  EXPECT_EQ(tree.linkTarget(fishLink("tarnly.fish")), fish);
-  EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), fish);
+  for (auto [link, target] : {std::pair{bin("tarnly"), tree.tool()},
+                              {bin("tqz"), tree.tool()},
+                              {zshLink(), zsh},
+                              {fishLink("tarnly.fish"), fish},
+                              {fishLink("tqz.fish"), fish}}) {
+    EXPECT_EQ(tree.linkTarget(link), target);
+  }
   EXPECT_THAT(tree.entries(tree.usr("local/bin")), ElementsAre("python3", "tarnly", "tqz"));
 }
 
 TEST_F(HelperCLISymlinkTest, SomethingForeignAtALinkPathFailsWithItsMessageAndStays) {
   tree.makeFolder(tree.usr("local/bin"));
   writeFileAtomically(bin("tarnly"), "my own script\n", 0755);
-  EXPECT_EQ(installFailure(), "/usr/local/bin/tarnly" + kTaken);
+  EXPECT_EQ(failure(), "/usr/local/bin/tarnly" + kTaken);
   EXPECT_EQ(contentOf(bin("tarnly")), "my own script\n");
   EXPECT_FALSE(pathExists(bin("tqz")) || pathExists(tree.usr("local/share"))) << "nothing further";
 
@@ -99,15 +97,16 @@ TEST_F(HelperCLISymlinkTest, SomethingForeignAtALinkPathFailsWithItsMessageAndSt
   removeFile(bin("tarnly"));
   const std::string foreign = "/Applications/Tarnly.app/Contents/MacOS/Tarnly";
   tree.makeLink(bin("tqz"), foreign);
-  EXPECT_EQ(installFailure(), "/usr/local/bin/tqz" + kTaken);
+  EXPECT_EQ(failure(), "/usr/local/bin/tqz" + kTaken);
   EXPECT_EQ(tree.linkTarget(bin("tqz")), foreign);
   EXPECT_EQ(tree.linkTarget(bin("tarnly")), tree.tool()) << "made before tqz";
   removeFile(bin("tqz"));
   tree.makeFolder(bin("tqz"));
-  EXPECT_EQ(installFailure(), "/usr/local/bin/tqz" + kTaken);
+  EXPECT_EQ(failure(), "/usr/local/bin/tqz" + kTaken);
 }
 
-TEST_F(HelperCLISymlinkTest, LinksIntoOtherCopiesAreReplacedAndLegacyBundleLinksRemoved) {
+TEST_F(HelperCLISymlinkTest, OtherCopiesAndLegacyLinksAreReplacedOrRemovedAndNoFishSkipsFish) {
+  removeFile(tree.completions() + "/tarnly.fish");
   tree.makeLink(bin("tqz"), "/Volumes/Backup/Old Apps/Tarnly.app/Contents/Helpers/tarnly");
   tree.makeLink(zshLink(), "/Volumes/Backup/Tarnly.app/Contents/Resources/completions/_tarnly");
   tree.makeLink(bin("qz"), "/Applications/Tarnly.app/Contents/Helpers/qz");
@@ -119,12 +118,6 @@ TEST_F(HelperCLISymlinkTest, LinksIntoOtherCopiesAreReplacedAndLegacyBundleLinks
   EXPECT_EQ(tree.linkTarget(bin("qzr")), "/opt/homebrew/bin/qzr");
   EXPECT_THAT(tree.log(), Contains("Removed /usr/local/bin/qz."));
   EXPECT_THAT(tree.log(), Contains(leftAlone("/usr/local/bin/qzr", "/opt/homebrew/bin/qzr")));
-}
-
-TEST_F(HelperCLISymlinkTest, MissingFishCompletionSkipsBothFishRowsSilently) {
-  removeFile(tree.completions() + "/tarnly.fish");
-  install();
-  EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly");
   EXPECT_FALSE(pathExists(tree.usr("local/share/fish")));
   for (const std::string& line : tree.log()) EXPECT_THAT(line, Not(HasSubstr("fish")));
 }
@@ -132,17 +125,17 @@ TEST_F(HelperCLISymlinkTest, MissingFishCompletionSkipsBothFishRowsSilently) {
 TEST_F(HelperCLISymlinkTest, UsrLocalOrBinThatIsNoRealFolderIsRefused) {
   tree.makeFolder(tree.outside() + "/bin");
   tree.makeLink(tree.usr("local"), tree.outside());
-  EXPECT_EQ(installFailure(), "/usr/local" + kNotAFolder);
-  EXPECT_EQ(failure([&] { remove(); }), "/usr/local" + kNotAFolder);
+  EXPECT_EQ(failure(), "/usr/local" + kNotAFolder);
+  EXPECT_EQ(failure(true), "/usr/local" + kNotAFolder);
   EXPECT_THAT(tree.entries(tree.outside()), ElementsAre("bin"));
   EXPECT_THAT(tree.entries(tree.outside() + "/bin"), IsEmpty());
 
   removeFile(tree.usr("local"));
   tree.makeFolder(tree.usr("local"));
   writeFileAtomically(tree.usr("local/bin"), "", 0644);
-  EXPECT_EQ(installFailure(), "/usr/local/bin" + kNotAFolder);
+  EXPECT_EQ(failure(), "/usr/local/bin" + kNotAFolder);
   std::filesystem::remove_all(tree.usr());
-  EXPECT_EQ(installFailure(), "Could not open /usr.");
+  EXPECT_EQ(failure(), "Could not open /usr.");
 }
 
 TEST_F(HelperCLISymlinkTest, FolderOwnershipDecidesWhetherLinksGoIntoIt) {
@@ -170,8 +163,7 @@ TEST_F(HelperCLISymlinkTest, FolderOwnershipDecidesWhetherLinksGoIntoIt) {
                  << "owner " << c.owner << " group " << c.group << " mode " << std::oct << c.mode);
     ASSERT_EQ(::chown(folder.c_str(), c.owner, c.group), 0);
     ASSERT_EQ(::chmod(folder.c_str(), c.mode), 0);
-    EXPECT_EQ(installFailure(), c.accepted
-                                    ? "<no error>"
+    EXPECT_EQ(failure(), c.accepted ? "<no error>"
                                     : "/usr/local/bin can be changed by someone who isn't an "
                                       "administrator, so Tarnly won't link into it.");
   }
@@ -187,10 +179,9 @@ TEST_F(HelperCLISymlinkTest, CopyANonAdministratorCanChangeIsRefusedAndItsLinksR
 
   const std::string applications = tree.path("Applications");
   ASSERT_EQ(::chown(applications.c_str(), HostTree::kUserUID, 20), 0);
-  EXPECT_EQ(installFailure(),
-            "Tarnly can't link its command-line tool from this copy: " + applications +
-                " can be changed by someone who isn't an administrator. Ask an "
-                "administrator to install Tarnly in /Applications.");
+  EXPECT_EQ(failure(), "Tarnly can't link its command-line tool from this copy: " + applications +
+                           " can be changed by someone who isn't an administrator. Ask an "
+                           "administrator to install Tarnly in /Applications.");
   EXPECT_FALSE(pathExists(bin("tarnly")));
   EXPECT_EQ(tree.linkTarget(bin("tqz")), otherCopy) << "not this copy: kept";
   EXPECT_EQ(tree.linkTarget(zshLink()), tree.completions() + "/_tarnly") << "completions stay";
@@ -198,7 +189,7 @@ TEST_F(HelperCLISymlinkTest, CopyANonAdministratorCanChangeIsRefusedAndItsLinksR
 
   // The refusal names the first changeable item from the tool upwards.
   ASSERT_EQ(::chmod(tree.tool().c_str(), 0757), 0);
-  EXPECT_THAT(installFailure(), HasSubstr("from this copy: " + tree.tool() + " can be changed"));
+  EXPECT_THAT(failure(), HasSubstr("from this copy: " + tree.tool() + " can be changed"));
 }
 
 TEST_F(HelperCLISymlinkTest, ToolMissingOrNotExecutableFailsBeforeUsrIsTouched) {
@@ -213,16 +204,8 @@ TEST_F(HelperCLISymlinkTest, ToolMissingOrNotExecutableFailsBeforeUsrIsTouched) 
   }
   removeFile(tree.tool());
   ::rmdir(tree.usr().c_str());
-  EXPECT_EQ(installFailure(), message) << "checked before /usr is opened";
+  EXPECT_EQ(failure(), message) << "checked before /usr is opened";
   EXPECT_THAT(tree.log(), IsEmpty());
-}
-
-TEST_F(HelperCLISymlinkTest, ExecutableReachedThroughALinkUsesTheRealBundle) {
-  const std::string launcher = tree.path("launcher/TarnlyAdminHelper");
-  tree.makeLink(launcher, tree.env().paths.executable);
-  tree.env().paths.executable = launcher;
-  EXPECT_EQ(HelperCLISymlink::cliURL(tree.env()), tree.tool());
-  EXPECT_EQ(HelperCLISymlink::completionsDirectory(tree.env()), tree.completions());
 }
 
 TEST_F(HelperCLISymlinkTest, RemoveTakesAwayOnlyBundleLinks) {
@@ -259,22 +242,7 @@ TEST_F(HelperCLISymlinkTest, RemoveTakesAwayOnlyBundleLinks) {
   EXPECT_THAT(tree.log(), ElementsAre(*foreign.begin(), *(foreign.begin() + 1)));
 }
 
-TEST_F(HelperCLISymlinkTest, FolderSwappedForALinkBetweenStepsCreatesNothingOutside) {
-  // The handle keeps naming the folder that was checked, whatever is at its path later.
-  auto handle =
-      HelperCLISymlink::openSafeDirectory(tree.env(), {"local", "bin"}, true, tree.users());
-  ASSERT_TRUE(handle.has_value());
-  ASSERT_EQ(std::rename(tree.usr("local/bin").c_str(), tree.usr("local/bin.checked").c_str()), 0);
-  tree.makeLink(tree.usr("local/bin"), tree.outside());
-  HelperCLISymlink::link(tree.env(), "/usr/local/bin/tarnly", *handle, tree.tool(),
-                         [](const std::string&) { return false; });
-  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin.checked/tarnly")), tree.tool());
-  // The next operation opens the path afresh and refuses the link.
-  EXPECT_EQ(installFailure(), "/usr/local/bin" + kNotAFolder);
-  EXPECT_THAT(tree.entries(tree.outside()), IsEmpty());
-}
-
-TEST_F(HelperCLISymlinkTest, CompletionFolderSwappedForALinkIsLoggedAndSkipped) {
+TEST_F(HelperCLISymlinkTest, FoldersSwappedForLinksBetweenStepsCreateNothingOutside) {
   install();
   const std::string zsh = tree.usr("local/share/zsh");
   ASSERT_EQ(std::rename(zsh.c_str(), tree.path("old-zsh").c_str()), 0);
@@ -289,6 +257,19 @@ TEST_F(HelperCLISymlinkTest, CompletionFolderSwappedForALinkIsLoggedAndSkipped) 
   remove();
   EXPECT_THAT(tree.entries(tree.outside() + "/site-functions"), IsEmpty());
   EXPECT_EQ(tree.linkTarget(zsh), tree.outside()) << "the planted link itself is not touched";
+
+  // The handle keeps naming the folder that was checked, whatever is at its path later.
+  auto handle =
+      HelperCLISymlink::openSafeDirectory(tree.env(), {"local", "bin"}, true, tree.users());
+  ASSERT_TRUE(handle.has_value());
+  ASSERT_EQ(std::rename(tree.usr("local/bin").c_str(), tree.usr("local/bin.checked").c_str()), 0);
+  tree.makeLink(tree.usr("local/bin"), tree.outside());
+  HelperCLISymlink::link(tree.env(), "/usr/local/bin/tarnly", *handle, tree.tool(),
+                         [](const std::string&) { return false; });
+  EXPECT_EQ(tree.linkTarget(tree.usr("local/bin.checked/tarnly")), tree.tool());
+  // The next operation opens the path afresh and refuses the link.
+  EXPECT_EQ(failure(), "/usr/local/bin" + kNotAFolder);
+  EXPECT_THAT(tree.entries(tree.outside()), ElementsAre("site-functions"));
 }
 
 TEST_F(HelperCLISymlinkTest, EveryDescriptorIsClosedOnEveryPath) {
@@ -300,17 +281,17 @@ TEST_F(HelperCLISymlinkTest, EveryDescriptorIsClosedOnEveryPath) {
   install();
   remove();
   writeFileAtomically(bin("tqz"), "", 0644);
-  std::ignore = installFailure();  // fails at the second link
+  std::ignore = failure();  // fails at the second link
   ASSERT_EQ(std::rename(tree.usr("local/share").c_str(), tree.path("old-share").c_str()), 0);
   tree.makeLink(tree.usr("local/share"), tree.outside());
-  std::ignore = installFailure();  // completions refused
-  std::ignore = failure([&] { remove(); });
+  std::ignore = failure();  // completions refused
+  std::ignore = failure(true);
   ::chmod(tree.bundle().c_str(), 0777);
-  std::ignore = installFailure();  // refused copy
+  std::ignore = failure();  // refused copy
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(HelperCLISymlinkTargetTest, BundleTargetsAreRecognisedBySuffixAndWalkAnswersAsGiven) {
+TEST(HelperCLISymlinkTargetTest, BundleTargetsAreRecognisedBySuffix) {
   using HelperCLISymlink::isBundleCLITarget;
   using HelperCLISymlink::isBundleCompletionTarget;
   EXPECT_TRUE(isBundleCLITarget("/Users/a/Downloads/Tarnly.app/Contents/Helpers/tarnly"));
@@ -324,12 +305,6 @@ TEST(HelperCLISymlinkTargetTest, BundleTargetsAreRecognisedBySuffixAndWalkAnswer
   EXPECT_TRUE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/tarnly.fish"));
   EXPECT_FALSE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/tqz.fish"))
       << "tqz.fish is a link name, not a source file";
-
-  FakeUserDirectory users;
-  EXPECT_EQ(HelperCLISymlink::firstPathNonAdminCanChange("/no/such/place/tarnly-cli", users),
-            "/no/such/place/tarnly-cli");
-  EXPECT_EQ(HelperCLISymlink::firstPathNonAdminCanChange("/", users), std::nullopt);
-  EXPECT_EQ(HelperCLISymlink::firstPathNonAdminCanChange("/tmp", users), "/tmp");
 }
 
 }  // namespace

@@ -53,36 +53,30 @@ TEST_F(HelperResolverTest, InstallCreatesTheFolderAndWritesBothFilesOnce) {
   EXPECT_THAT(tree.log(), IsEmpty());
 }
 
-TEST_F(HelperResolverTest, ForeignFileIsLeftAloneAndNeverRemoved) {
+TEST_F(HelperResolverTest, MarkedFilesAreReplacedAndRemovedAndForeignOnesLeftAlone) {
+  std::string edited = HelperResolver::fileContent("tqz");
+  edited.replace(edited.find("5380"), 4, "5353");
   tree.makeFolder(folder());
+  writeFileAtomically(tqz(), edited, 0600);
   writeFileAtomically(tarnly(), "nameserver 10.0.0.53\n", 0600);
   install();
   EXPECT_EQ(contentOf(tqz()), HelperResolver::fileContent("tqz"));
+  EXPECT_EQ(modeOf(tqz()), 0644);
   EXPECT_THAT(tree.log(),
               ElementsAre("Installed " + tqz() + ".",
                           "Left " + tarnly() + " alone: it wasn't installed by Tarnly."));
+  writeFileAtomically(tqz(), edited, 0644);
   tree.clearLog();
   remove();
   EXPECT_FALSE(pathExists(tqz()));
   EXPECT_EQ(contentOf(tarnly()), "nameserver 10.0.0.53\n");
   EXPECT_EQ(modeOf(tarnly()), 0600);
   EXPECT_THAT(tree.log(), ElementsAre("Removed " + tqz() + ".")) << "the foreign file: no word";
-}
 
-TEST_F(HelperResolverTest, MarkedFileOfAnotherVersionIsReplacedAndRemoved) {
-  std::string edited = HelperResolver::fileContent("tqz");
-  edited.replace(edited.find("5380"), 4, "5353");
-  tree.makeFolder(folder());
-  writeFileAtomically(tqz(), edited, 0600);
   // Bytes that are not UTF-8 do not hide the marker.
   writeFileAtomically(tarnly(), "\xff\xfe# Installed by Tarnly long ago\nport 53\n", 0644);
   install();
-  EXPECT_EQ(contentOf(tqz()), HelperResolver::fileContent("tqz"));
-  EXPECT_EQ(modeOf(tqz()), 0644);
   EXPECT_EQ(contentOf(tarnly()), HelperResolver::fileContent("tarnly"));
-  writeFileAtomically(tqz(), edited, 0644);
-  remove();
-  EXPECT_THAT(tree.entries(folder()), IsEmpty());
 }
 
 TEST_F(HelperResolverTest, SomethingNotWritableInTheWayStopsInstallWithTheSystemsText) {
