@@ -31,10 +31,12 @@ class HelperVLANTest : public ::testing::Test {
   }
   void remove(const std::string& bsdName) { HelperVLAN::deleteVLAN(test.env, fake, bsdName); }
   std::vector<CreatedVLAN> list() { return HelperVLAN::createdVLANs(test.env, fake); }
+  void writeRecords(const std::vector<Record>& r) { writeRecords(HelperVLAN::encodeRecords(r)); }
   void writeRecords(const std::string& json) {
     test.tree.write("Library/Application Support/Tarnly/vlans.json", json, 0600);
   }
   std::string records() const { return contentOf(test.recordFile()); }
+  std::vector<Record> stored() const { return HelperVLAN::loadRecords(test.env); }
 
   TestEnvironment test;
   Fake fake;
@@ -71,22 +73,18 @@ TEST_F(HelperVLANTest, CreateMakesTheVLANRecordsItAndLogs) {
 TEST_F(HelperVLANTest, CreateDropsRecordsOfVanishedVLANsAndReplacesAReusedName) {
   fake.addVLAN("vlan0", 10, en0);
   fake.addVLAN("vlan2", 12, en1);
-  writeRecords(R"([{"bsdName":"vlan2","tag":12,"parentBSD":"en1"},)"
-               R"({"bsdName":"vlan1","tag":11,"parentBSD":"en0"},)"
-               R"({"bsdName":"vlan0","tag":10,"parentBSD":"en0"}])");
+  writeRecords({{"vlan2", 12, "en1"}, {"vlan1", 11, "en0"}, {"vlan0", 10, "en0"}});
   // vlan1 vanished by other means: its name is taken again and its record replaced.
   EXPECT_EQ(create("", 20, "en1"), "vlan1");
-  EXPECT_EQ(records(), R"([{"bsdName":"vlan2","tag":12,"parentBSD":"en1"},)"
-                       R"({"bsdName":"vlan0","tag":10,"parentBSD":"en0"},)"
-                       R"({"bsdName":"vlan1","tag":20,"parentBSD":"en1"}])");
+  EXPECT_EQ(stored(), (std::vector<Record>{
+                          {"vlan2", 12, "en1"}, {"vlan0", 10, "en0"}, {"vlan1", 20, "en1"}}));
 
   // A VLAN without a BSD name is reported as "" and not recorded; the vanished vlan0 still goes.
   fake.change("vlan0", [](Fake::Interface& i) { i.exists = false; });
   fake.newVLANsWithoutName = true;
   EXPECT_EQ(create("x", 7, "en0"), "");
   EXPECT_EQ(test.logged().back(), "Created VLAN  (tag 7) on en0.");
-  EXPECT_EQ(records(), R"([{"bsdName":"vlan2","tag":12,"parentBSD":"en1"},)"
-                       R"({"bsdName":"vlan1","tag":20,"parentBSD":"en1"}])");
+  EXPECT_EQ(stored(), (std::vector<Record>{{"vlan2", 12, "en1"}, {"vlan1", 20, "en1"}}));
 
   // Without any VLAN listed, every record goes and the file is an empty array.
   fake.noVLANList = true;
@@ -146,11 +144,10 @@ TEST_F(HelperVLANTest, DeleteRemovesOnlyVLANsTheHelperRecorded) {
   create("B", 6, "en1");
   remove("vlan0");
   EXPECT_EQ(fake.vlanNames(), Lines{"vlan1"});
-  EXPECT_EQ(records(), R"([{"bsdName":"vlan1","tag":6,"parentBSD":"en1"}])");
+  EXPECT_EQ(stored(), (std::vector<Record>{{"vlan1", 6, "en1"}}));
   EXPECT_EQ(test.logged().back(), "Deleted VLAN vlan0.");
   // Duplicated records of the same VLAN all go.
-  writeRecords(R"([{"bsdName":"vlan1","tag":6,"parentBSD":"en1"},)"
-               R"({"bsdName":"vlan1","tag":6,"parentBSD":"en1"}])");
+  writeRecords({{"vlan1", 6, "en1"}, {"vlan1", 6, "en1"}});
   remove("vlan1");
   EXPECT_EQ(records(), "[]");
   EXPECT_TRUE(fake.vlanNames().empty());
@@ -159,9 +156,7 @@ TEST_F(HelperVLANTest, DeleteRemovesOnlyVLANsTheHelperRecorded) {
   fake.addVLAN("vlan8", 8, en1);                      // recorded with another tag
   fake.addVLAN("vlan9", 9, en1);                      // recorded on another parent
   fake.addVLAN("vlan6", std::nullopt, std::nullopt);  // no tag, no parent
-  const std::string before = R"([{"bsdName":"vlan8","tag":80,"parentBSD":"en1"},)"
-                             R"({"bsdName":"vlan9","tag":9,"parentBSD":"en0"},)"
-                             R"({"bsdName":"vlan6","tag":-1,"parentBSD":"x"}])";
+  const std::vector<Record> before{{"vlan8", 80, "en1"}, {"vlan9", 9, "en0"}, {"vlan6", -1, "x"}};
   writeRecords(before);
   const int commits = fake.commits();
   Lines expected = test.logged();
@@ -172,11 +167,11 @@ TEST_F(HelperVLANTest, DeleteRemovesOnlyVLANsTheHelperRecorded) {
   }
   EXPECT_EQ(test.logged(), expected);
   EXPECT_EQ(fake.vlanNames(), (Lines{"vlan7", "vlan8", "vlan9", "vlan6"}));
-  EXPECT_EQ(records(), before);
+  EXPECT_EQ(stored(), before);
   EXPECT_EQ(fake.commits(), commits);
 
   // A VLAN without tag or parent is the helper's when recorded as (-1, "").
-  writeRecords(R"([{"bsdName":"vlan6","tag":-1,"parentBSD":""}])");
+  writeRecords({{"vlan6", -1, ""}});
   remove("vlan6");
   EXPECT_EQ(records(), "[]");
 }
