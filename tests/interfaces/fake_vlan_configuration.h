@@ -23,8 +23,7 @@ class FakeVLANConfiguration final : public VLANConfiguration {
     bool vlan = false;
     std::optional<std::int64_t> tag{};
     std::optional<NetworkInterfaceID> parent{};
-    bool exists = true;    // false: not (or no longer) in the stored configuration
-    bool pending = false;  // made by a handle that has not committed it
+    bool exists = true;  // false: not (or no longer) in the stored configuration
   };
 
   // Knobs; set them before the request.
@@ -89,11 +88,6 @@ class FakeVLANConfiguration final : public VLANConfiguration {
   class Handle final : public VLANPreferences {
    public:
     explicit Handle(FakeVLANConfiguration& owner) : owner_(owner) {}
-    // Uncommitted VLANs are dropped with the handle.
-    ~Handle() override {
-      Guard guard(owner_.lock_);
-      for (NetworkInterfaceID id : created_) at(id).pending = false;
-    }
 
     std::optional<std::vector<NetworkInterfaceID>> availablePhysicalInterfaces() override {
       Guard guard(owner_.lock_);
@@ -120,8 +114,8 @@ class FakeVLANConfiguration final : public VLANConfiguration {
                                                  std::int64_t tag) override {
       Guard guard(owner_.lock_);
       if (owner_.refuseCreate || !at(physical).physical) return std::nullopt;
-      Interface vlan{
-          .vlan = true, .tag = tag, .parent = physical, .exists = false, .pending = true};
+      // Not stored until committed, and so dropped with an uncommitted handle.
+      Interface vlan{.vlan = true, .tag = tag, .parent = physical, .exists = false};
       if (!owner_.newVLANsWithoutName) vlan.bsdName = owner_.lowestFreeName();
       owner_.interfaces_.push_back(vlan);
       created_.push_back(owner_.interfaces_.size() - 1);
@@ -149,10 +143,7 @@ class FakeVLANConfiguration final : public VLANConfiguration {
       Guard guard(owner_.lock_);
       ++owner_.commits_;
       if (owner_.failCommit) return false;
-      for (NetworkInterfaceID id : created_) {
-        at(id).exists = true;
-        at(id).pending = false;
-      }
+      for (NetworkInterfaceID id : created_) at(id).exists = true;
       for (NetworkInterfaceID id : removed_) at(id).exists = false;
       created_.clear();
       removed_.clear();
@@ -194,13 +185,13 @@ class FakeVLANConfiguration final : public VLANConfiguration {
     std::lock_guard<std::mutex> guard(lock_);
     return value;
   }
-  // vlan<N> with the lowest N that no stored or pending interface has.
+  // vlan<N> with the lowest N that no stored interface has. Nothing keeps two handles from
+  // planning the same name: the helper's own lock must.
   std::string lowestFreeName() const {
     for (int n = 0;; ++n) {
       std::string name = "vlan" + std::to_string(n);
-      if (std::none_of(interfaces_.begin(), interfaces_.end(), [&](const Interface& i) {
-            return i.bsdName == name && (i.exists || i.pending);
-          })) {
+      if (std::none_of(interfaces_.begin(), interfaces_.end(),
+                       [&](const Interface& i) { return i.exists && i.bsdName == name; })) {
         return name;
       }
     }
