@@ -22,10 +22,8 @@
 
 class HostTree {
  public:
-  // An administrator (group 80 as a supplementary group), a non-administrator, another group.
-  static constexpr uid_t kAdminUID = 501;
-  static constexpr uid_t kUserUID = 4242;
-  static constexpr gid_t kOtherGID = 4243;
+  // An administrator (group 80 as a supplementary group) and a non-administrator.
+  static constexpr uid_t kAdminUID = 501, kUserUID = 4242;
 
   HostTree()
       : root_(makeRoot()), log_(path("log/h.log"), path("log/h.log.1")), env_{{}, systemNow, log_} {
