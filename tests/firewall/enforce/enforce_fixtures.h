@@ -3,6 +3,7 @@
 // recording sleep and a stepping clock; plus builders of networks and policy documents.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -32,32 +33,31 @@ inline Uuid uuidNumber(int n) {
   return uuid;
 }
 
-// A network with a gateway and one inbound tcp rule (port 22), default inbound deny.
+// A network "a.b.c.0/24" with gateway "a.b.c.1", default inbound deny and one (defaulted: inbound,
+// allow) tcp rule for port 22 from anywhere.
 inline FirewallNetworkPolicy network(int id, std::string name, std::string subnet) {
   FirewallNetworkPolicy n;
   n.networkID = uuidNumber(id);
   n.name = std::move(name);
   n.subnetCIDR = std::move(subnet);
-  if (auto parsed = n.subnetCIDR.rfind(".0/"); parsed != std::string::npos) {
-    n.gatewayIPv4 = n.subnetCIDR.substr(0, parsed) + ".1";
+  if (auto at = n.subnetCIDR.rfind(".0/"); at != std::string::npos) {
+    n.gatewayIPv4 = n.subnetCIDR.substr(0, at) + ".1";
   }
-  n.dnsProxyEnabled = true;
-  n.policy.enabled = true;
+  n.dnsProxyEnabled = n.policy.enabled = true;
   n.policy.defaultInbound = FirewallRule::Action::deny;
-  n.policy.defaultOutbound = FirewallRule::Action::allow;
-  FirewallRule ssh;
-  ssh.id = uuidNumber(10000 + id);
-  ssh.direction = FirewallRule::Direction::inbound;
-  ssh.action = FirewallRule::Action::allow;
-  ssh.proto = FirewallRule::Proto::tcp;
-  ssh.remoteCIDR = "any";
-  ssh.ports = "22";
-  n.policy.rules.push_back(ssh);
+  n.policy.rules = {{.id = uuidNumber(10000 + id),
+                     .proto = FirewallRule::Proto::tcp,
+                     .remoteCIDR = "any",
+                     .ports = "22"}};
   return n;
 }
 
 inline std::string document(const std::vector<FirewallNetworkPolicy>& networks) {
   return FirewallJSON::encode(networks).dump();
+}
+
+inline TimePoint at(double seconds) {
+  return fromSecondsSinceReferenceDate(seconds);
 }
 
 using Runs = std::vector<std::vector<std::string>>;
@@ -66,13 +66,15 @@ inline const std::string kAnchor = "com.apple/900.tarnly.firewall";
 inline const std::vector<std::string> kStatusInfo = {"-si"};
 inline const std::vector<std::string> kAnchorListing = {"-a", kAnchor, "-sr"};
 inline const std::string kBootID = "6c0a3a8e-2b1f-4f39-9b3c-7c1d5e2f8a90";
+inline const std::string kStore = "Library/Application Support/Tarnly/firewall-policies.json";
 
 class EnforceTest : public ::testing::Test {
  protected:
   EnforceTest()
       : paths(testPaths(tree)),
         log(paths.logFile, paths.rotatedLogFile),
-        env{paths, [this] { return tick(); }, log},
+        env{paths, [this] { return TimePoint(std::chrono::seconds(1'800'000'000 + seconds++)); },
+            log},
         pf(TARNLY_PFSIM_PATH, paths.pfctl, tree.path("pfsim")),
         host{env, [this] { return hostAddresses; },
              [this](std::chrono::microseconds duration) {
@@ -82,21 +84,14 @@ class EnforceTest : public ::testing::Test {
     setBootID(kBootID);
   }
 
-  // Log messages without their time stamps.
+  // Log messages without their "2026-11-16T20:51:26Z " time stamps (21 bytes).
   std::vector<std::string> logLines() const {
     std::string text = readFile(paths.logFile).value_or("");
-    std::vector<std::string_view> raw = split(text, '\n', false);
-    std::vector<std::string> lines(raw.size());
-    // "2026-11-16T20:51:26Z " is 21 bytes.
-    std::transform(raw.begin(), raw.end(), lines.begin(), [](std::string_view line) {
-      return std::string(line.size() > 21 ? line.substr(21) : line);
-    });
+    std::vector<std::string> lines;
+    for (std::string_view line : split(text, '\n', false)) {
+      lines.emplace_back(line.size() > 21 ? line.substr(21) : line);
+    }
     return lines;
-  }
-
-  bool logged(const std::string& message) const {
-    std::vector<std::string> lines = logLines();
-    return std::find(lines.begin(), lines.end(), message) != lines.end();
   }
 
   // How often pfctl ran with exactly these arguments.
@@ -106,8 +101,11 @@ class EnforceTest : public ::testing::Test {
   }
 
   std::string state(const std::string& name) const { return paths.state(name); }
-
+  std::vector<std::string> anchorLoad() const {
+    return {"-a", kAnchor, "-f", state("firewall.pf.conf")};
+  }
   void setBootID(const std::string& id) const { tree.write("proc/boot_id", id + "\n"); }
+  void flushAnchor() const { HelperCommand::run(paths.pfctl, {"-a", kAnchor, "-F", "rules"}); }
 
   static HostPaths testPaths(const TempTree& tree) {
     HostPaths result;
@@ -118,19 +116,14 @@ class EnforceTest : public ::testing::Test {
     result.pfConf = tree.path("etc/pf.conf");
     result.legacyAnchorFile = tree.path("etc/pf.anchors/com.tarnly.firewall");
     result.bootID = tree.path("proc/boot_id");
-    createDirectories(tree.path("var/log"));
-    createDirectories(tree.path("sbin"));
-    createDirectories(tree.path("pfsim"));
+    for (const char* folder : {"var/log", "sbin", "pfsim"}) createDirectories(tree.path(folder));
     return result;
   }
-
-  // Every reading is one second after the previous one, so a later apply is always later.
-  TimePoint tick() { return TimePoint(std::chrono::seconds(1'800'000'000 + seconds.fetch_add(1))); }
 
   TempTree tree;
   HostPaths paths;
   HelperLog log;
-  std::atomic<long long> seconds{0};
+  std::atomic<long long> seconds{0};  // the clock steps one second per reading
   HelperEnvironment env;
   PfSimulator pf;
   // The machine's own addresses: en0 on 192.168.1.0/24 (which refuses overlapping networks) and

@@ -2,9 +2,6 @@
 // record files in the state folder.
 #include "firewall/enforce/policy_store.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <nlohmann/json.hpp>
 
 #include "enforce_fixtures.h"
@@ -13,13 +10,11 @@
 
 namespace {
 
-using enforce_test::network;
+using namespace enforce_test;
 using NetworkFirewall::LoadedRuleset;
 namespace Store = NetworkFirewall::PolicyStore;
 
-TimePoint at(double seconds) {
-  return fromSecondsSinceReferenceDate(seconds);
-}
+constexpr double kYearOne = -63114076800.0;  // 0001-01-01T00:00:00Z
 
 TEST(PolicyStoreJSON, OwnersFormRoundTripsAndIsWrittenSortedAndPretty) {
   Store::Owners owners;
@@ -32,166 +27,110 @@ TEST(PolicyStoreJSON, OwnersFormRoundTripsAndIsWrittenSortedAndPretty) {
   EXPECT_LT(text.find("\"1000\""), text.find("\"501\""));
   EXPECT_LT(text.find("\"501\""), text.find("\"legacy\""));
   EXPECT_NE(text.find("\n  \"owners\""), std::string::npos) << text;
-
   nlohmann::json parsed = nlohmann::json::parse(text);
   EXPECT_DOUBLE_EQ(parsed["owners"]["501"]["appliedAt"].get<double>(), 800000000.25);
-  EXPECT_DOUBLE_EQ(parsed["owners"]["legacy"]["appliedAt"].get<double>(), -63114076800.0);
-
-  std::optional<Store::Owners> back = Store::decoded(text);
-  ASSERT_TRUE(back.has_value());
-  EXPECT_EQ(*back, owners);
+  EXPECT_DOUBLE_EQ(parsed["owners"]["legacy"]["appliedAt"].get<double>(), kYearOne);
+  EXPECT_EQ(Store::decoded(text), owners);
 }
 
-TEST(PolicyStoreJSON, BareArrayIsTheLegacyOwnerDatedYearOne) {
-  std::string array = enforce_test::document({network(1, "Lab", "192.168.64.0/24")});
-  std::optional<Store::Owners> owners = Store::decoded(array);
-  ASSERT_TRUE(owners.has_value());
-  ASSERT_EQ(owners->size(), 1u);
-  const Store::Entry& legacy = owners->at("legacy");
-  EXPECT_EQ(legacy.policies, std::vector{network(1, "Lab", "192.168.64.0/24")});
-  EXPECT_DOUBLE_EQ(secondsSinceReferenceDate(legacy.appliedAt), -63114076800.0);
+TEST(PolicyStoreJSON, BareArrayIsTheLegacyOwnerAndAnythingElseIsUndecodable) {
+  FirewallNetworkPolicy lab = network(1, "Lab", "192.168.64.0/24");
+  EXPECT_EQ(Store::decoded(document({lab})),
+            (Store::Owners{{"legacy", {{lab}, Store::legacyDate()}}}));
+  EXPECT_EQ(Store::decoded("[]"), Store::Owners{});
+  EXPECT_EQ(Store::decoded(R"({"owners": {}, "version": 2})"), Store::Owners{});  // unknown keys
 
-  std::optional<Store::Owners> empty = Store::decoded("[]");
-  ASSERT_TRUE(empty.has_value());
-  EXPECT_TRUE(empty->empty());
-}
-
-TEST(PolicyStoreJSON, AnythingElseIsUndecodable) {
-  std::string lab = FirewallJSON::encode(network(1, "Lab", "192.168.64.0/24")).dump();
-  const std::vector<std::string> undecodable = {
-      "not json",
-      "{}",
-      R"({"owners": []})",
-      R"({"owners": {"501": {"policies": [], "appliedAt": "yesterday"}}})",
-      R"({"owners": {"501": {"appliedAt": 1}}})",
-      R"({"owners": {"501": {"policies": [)" + lab + "]}}}",
-      R"({"owners": {"501": {"policies": [{"name": "x"}], "appliedAt": 1}}})",
-      R"([{"name": "no id"}])",
-      "\"text\"",
-  };
-  for (const std::string& data : undecodable) {
+  std::string one = FirewallJSON::encode(lab).dump();
+  for (const std::string& data : std::vector<std::string>{
+           "not json", "{}", R"({"owners": []})",
+           R"({"owners": {"501": {"policies": [], "appliedAt": "yesterday"}}})",
+           R"({"owners": {"501": {"appliedAt": 1}}})",
+           R"({"owners": {"501": {"policies": [)" + one + "]}}}",
+           R"({"owners": {"501": {"policies": [{"name": "x"}], "appliedAt": 1}}})",
+           R"([{"name": "no id"}])", "\"text\""}) {
     EXPECT_FALSE(Store::decoded(data).has_value()) << data;
   }
-  // Unknown keys are ignored.
-  EXPECT_TRUE(Store::decoded(R"({"owners": {}, "version": 2})").has_value());
 }
 
-class PolicyStoreReplace : public ::testing::Test {
- protected:
-  PolicyStoreReplace() {
+TEST(PolicyStoreReplace, ReplacesTheCallersEntryAndAdoptsLegacy) {
+  FirewallNetworkPolicy legacyLab = network(1, "Lab", "192.168.64.0/24");
+  FirewallNetworkPolicy mine = network(2, "Mine", "192.168.80.0/24");
+  FirewallNetworkPolicy changed = legacyLab;  // shares the legacy network's ID
+  changed.policy.defaultInbound = FirewallRule::Action::allow;
+  FirewallNetworkPolicy unrelated = network(3, "New", "192.168.81.0/24");
+  struct Case {
+    bool hasOwn;
+    std::vector<FirewallNetworkPolicy> policies;
+    bool adopt;
+    std::vector<FirewallNetworkPolicy> previous;
+    std::vector<std::string> keys;
+  };
+  const std::vector<Case> cases = {
+      {true, {unrelated}, false, {mine}, {"1000", "501", "legacy"}},
+      {false, {changed}, false, {legacyLab}, {"1000", "501"}},
+      {true, {legacyLab}, true, {mine}, {"1000", "501"}},
+      {true, {}, false, {mine}, {"1000", "legacy"}},
+      {false, {}, true, {legacyLab}, {"1000"}},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    const Case& c = cases[i];
+    Store::Owners owners;
     owners["legacy"] = {{legacyLab}, Store::legacyDate()};
     owners["1000"] = {{network(5, "Farm", "192.168.70.0/24")}, at(100)};
+    if (c.hasOwn) owners["501"] = {{mine}, at(50)};
+    EXPECT_EQ(Store::replace(owners, "501", c.policies, at(200), c.adopt), c.previous) << i;
+    std::vector<std::string> keys;
+    for (const auto& [key, entry] : owners) keys.push_back(key);
+    EXPECT_EQ(keys, c.keys) << i;
+    if (!c.policies.empty()) {
+      EXPECT_EQ(owners.at("501"), (Store::Entry{c.policies, at(200)})) << i;
+    }
   }
-  FirewallNetworkPolicy legacyLab = network(1, "Lab", "192.168.64.0/24");
-  Store::Owners owners;
-};
-
-TEST_F(PolicyStoreReplace, UnrelatedNetworksLeaveLegacyInPlace) {
-  owners["501"] = {{network(2, "Old", "192.168.80.0/24")}, at(50)};
-  auto previous =
-      Store::replace(owners, "501", {network(3, "New", "192.168.81.0/24")}, at(200), false);
-  EXPECT_EQ(previous, std::vector{network(2, "Old", "192.168.80.0/24")});
-  EXPECT_TRUE(owners.contains("legacy"));
-  EXPECT_EQ(owners.at("501"), (Store::Entry{{network(3, "New", "192.168.81.0/24")}, at(200)}));
 }
 
-TEST_F(PolicyStoreReplace, SharedNetworkIDAdoptsLegacyAsPrevious) {
-  FirewallNetworkPolicy changed = legacyLab;
-  changed.policy.defaultInbound = FirewallRule::Action::allow;
-  auto previous = Store::replace(owners, "501", {changed}, at(200), false);
-  EXPECT_EQ(previous, std::vector{legacyLab});
-  EXPECT_FALSE(owners.contains("legacy"));
-  EXPECT_EQ(owners.at("501").policies, std::vector{changed});
-}
+class StateFiles : public EnforceTest {};
 
-TEST_F(PolicyStoreReplace, AdoptionKeepsAnOwnEntryAsPrevious) {
-  owners["501"] = {{network(2, "Mine", "192.168.80.0/24")}, at(50)};
-  auto previous = Store::replace(owners, "501", {legacyLab}, at(200), true);
-  EXPECT_EQ(previous, std::vector{network(2, "Mine", "192.168.80.0/24")});
-  EXPECT_FALSE(owners.contains("legacy"));
-}
-
-TEST_F(PolicyStoreReplace, EmptyListRemovesTheEntryAndWithAdoptionTheLegacyOne) {
-  owners["501"] = {{network(2, "Mine", "192.168.80.0/24")}, at(50)};
-  Store::replace(owners, "501", {}, at(200), false);
-  EXPECT_FALSE(owners.contains("501"));
-  EXPECT_TRUE(owners.contains("legacy"));
-
-  auto previous = Store::replace(owners, "501", {}, at(300), true);
-  EXPECT_EQ(previous, std::vector{legacyLab});
-  EXPECT_EQ(owners.size(), 1u);
-  EXPECT_TRUE(owners.contains("1000"));
-}
-
-class StateFiles : public enforce_test::EnforceTest {};
-
-TEST_F(StateFiles, SaveCreatesTheFolderAndAPrivateFileThatLoadsBack) {
+TEST_F(StateFiles, StoreSavesPrivatelyLoadsBackAndUndecodableIsLoggedAndKept) {
+  EXPECT_TRUE(HelperFirewall::loadStore(env).empty());
   Store::Owners owners;
   owners["501"] = {{network(1, "Lab", "192.168.64.0/24")}, at(1000.5)};
   HelperFirewall::saveStore(env, owners);
   EXPECT_EQ(modeOf(state("firewall-policies.json")), 0600);
   EXPECT_EQ(HelperFirewall::loadStore(env), owners);
   EXPECT_TRUE(logLines().empty());
-}
 
-TEST_F(StateFiles, MissingStoreIsEmptyAndSilentUndecodableIsLogged) {
+  tree.write(kStore, "{\"owners\": 7}");
   EXPECT_TRUE(HelperFirewall::loadStore(env).empty());
-  EXPECT_TRUE(logLines().empty());
-
-  tree.write("Library/Application Support/Tarnly/firewall-policies.json", "{\"owners\": 7}");
-  EXPECT_TRUE(HelperFirewall::loadStore(env).empty());
-  EXPECT_THAT(
-      logLines(),
-      testing::ElementsAre("Persisted firewall policy could not be decoded; starting from none."));
+  EXPECT_THAT(logLines(), testing::ElementsAre("Persisted firewall policy could not be decoded; "
+                                               "starting from none."));
   EXPECT_EQ(contentOf(state("firewall-policies.json")), "{\"owners\": 7}");
 }
 
-TEST_F(StateFiles, LegacyFileIsRewrittenInOwnersFormWithItsEarlyDate) {
-  tree.write("Library/Application Support/Tarnly/firewall-policies.json",
-             enforce_test::document({network(1, "Lab", "192.168.64.0/24")}));
-  Store::Owners owners = HelperFirewall::loadStore(env);
-  HelperFirewall::saveStore(env, owners);
-  nlohmann::json saved = nlohmann::json::parse(contentOf(state("firewall-policies.json")));
-  EXPECT_DOUBLE_EQ(saved["owners"]["legacy"]["appliedAt"].get<double>(), -63114076800.0);
-  EXPECT_EQ(saved["owners"]["legacy"]["policies"][0]["name"], "Lab");
-}
+TEST_F(StateFiles, RecordRoundTripsAndAnUnreadableOneIsNoRecord) {
+  EXPECT_FALSE(HelperFirewall::readLoadedRuleset(env).has_value());
+  // No state folder: the record cannot be written, which is only logged.
+  HelperFirewall::recordLoadedRuleset(env, LoadedRuleset{"d", std::nullopt, std::nullopt});
+  ASSERT_EQ(logLines().size(), 1u);
+  EXPECT_TRUE(logLines()[0].starts_with("Could not record what pf was loaded with: open("))
+      << logLines()[0];
 
-TEST_F(StateFiles, SaveFailureIsThrown) {
-  tree.write("Library/Application Support/Tarnly", "a file where the folder belongs");
-  EXPECT_THROW(HelperFirewall::saveStore(env, {}), FileError);
-}
-
-TEST_F(StateFiles, RecordRoundTripsWithAndWithoutOptionalFields) {
   createDirectories(paths.stateDirectory);
   LoadedRuleset full{std::string(64, 'a'), std::string(64, 'b'), "boot"};
   HelperFirewall::recordLoadedRuleset(env, full);
   EXPECT_EQ(modeOf(state("firewall-loaded.json")), 0600);
   EXPECT_EQ(HelperFirewall::readLoadedRuleset(env), full);
-
   LoadedRuleset bare{std::string(64, 'c'), std::nullopt, std::nullopt};
   HelperFirewall::recordLoadedRuleset(env, bare);
   EXPECT_EQ(contentOf(state("firewall-loaded.json")),
             "{\"rulesDigest\":\"" + std::string(64, 'c') + "\"}");
   EXPECT_EQ(HelperFirewall::readLoadedRuleset(env), bare);
-  EXPECT_TRUE(logLines().empty());
-}
 
-TEST_F(StateFiles, RecordWithoutRulesDigestOrUnreadableIsNoRecord) {
-  EXPECT_FALSE(HelperFirewall::readLoadedRuleset(env).has_value());
   for (const char* data : {R"({"anchorDigest": "x"})", "[]", "{", R"({"rulesDigest": 5})",
                            R"({"rulesDigest": "d", "enabledInBoot": 3})"}) {
     tree.write("Library/Application Support/Tarnly/firewall-loaded.json", data);
     EXPECT_FALSE(HelperFirewall::readLoadedRuleset(env).has_value()) << data;
   }
-  EXPECT_TRUE(logLines().empty());
-}
-
-TEST_F(StateFiles, RecordWriteFailureIsOnlyLogged) {
-  // No state folder: the record cannot be written.
-  HelperFirewall::recordLoadedRuleset(env, LoadedRuleset{"d", std::nullopt, std::nullopt});
-  std::vector<std::string> lines = logLines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(lines[0].starts_with("Could not record what pf was loaded with: open(")) << lines[0];
+  EXPECT_EQ(logLines().size(), 1u);
 }
 
 }  // namespace
