@@ -34,19 +34,6 @@ class Descriptor {
   int fd_;
 };
 
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t written = ::write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 std::string temporaryName(const std::string& path) {
   static thread_local std::mt19937_64 random{std::random_device{}()};
   char suffix[24];
@@ -56,6 +43,18 @@ std::string temporaryName(const std::string& path) {
 }
 
 }  // namespace
+
+bool writeAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t written = ::write(fd, data.data(), data.size());
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data.remove_prefix(static_cast<size_t>(written));
+  }
+  return true;
+}
 
 std::string parentPath(const std::string& path) {
   size_t slash = path.find_last_of('/');
@@ -99,7 +98,7 @@ void writeFileAtomically(const std::string& path, const std::string& data, mode_
   };
   // The umask may have narrowed the mode at creation.
   if (::fchmod(file.get(), mode) != 0) fail("fchmod");
-  if (!writeAll(file.get(), data.data(), data.size())) fail("write");
+  if (!writeAll(file.get(), data)) fail("write");
   if (::fsync(file.get()) != 0) fail("fsync");
   if (file.close() != 0) fail("close");
   if (::rename(temporary.c_str(), path.c_str()) != 0) {

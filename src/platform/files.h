@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 // A failed file system call: "<call>(<path>): <system error text>".
 class FileError : public std::runtime_error {
@@ -17,6 +18,9 @@ class FileError : public std::runtime_error {
  private:
   int error_;
 };
+
+// Writes every byte, retrying after interruptions and short writes; false on the first failure.
+bool writeAll(int fd, std::string_view data);
 
 // The whole content of a regular file, or nothing when it cannot be opened or read.
 std::optional<std::string> readFile(const std::string& path);

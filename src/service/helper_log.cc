@@ -1,5 +1,7 @@
 #include "service/helper_log.h"
 
+#include "platform/files.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,17 +34,7 @@ void HelperLog::write(std::string_view message) {
     }
   }
   if (fd < 0) return;
-  const char* data = line.data();
-  size_t left = line.size();
-  while (left > 0) {
-    ssize_t written = ::write(fd, data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    data += written;
-    left -= static_cast<size_t>(written);
-  }
+  writeAll(fd, line);
   ::close(fd);
 }
 

@@ -8,24 +8,7 @@
 #include <vector>
 
 #include "pfctl_commands.h"
-
-namespace {
-
-void writeAll(int fd, const std::string& text) {
-  const char* data = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    ssize_t written = ::write(fd, data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    data += written;
-    left -= static_cast<size_t>(written);
-  }
-}
-
-}  // namespace
+#include "platform/files.h"
 
 int main(int argc, char** argv) {
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);

@@ -55,18 +55,10 @@ void PfState::recordInvocation(const std::vector<std::string>& arguments) {
   std::string logPath = path("invocations.jsonl");
   int fd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) throw FileError("open", logPath, errno);
-  const char* data = record.data();
-  size_t left = record.size();
-  while (left > 0) {
-    ssize_t written = ::write(fd, data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      int error = errno;
-      ::close(fd);
-      throw FileError("write", logPath, error);
-    }
-    data += written;
-    left -= static_cast<size_t>(written);
+  if (!writeAll(fd, record)) {
+    int error = errno;
+    ::close(fd);
+    throw FileError("write", logPath, error);
   }
   ::close(fd);
 }

@@ -9,6 +9,7 @@
 #include "firewall/enforce/helper_error.h"
 #include "firewall/enforce/pf_output.h"
 #include "firewall/enforce/pfctl.h"
+#include "firewall/enforce/summary_text.h"
 #include "firewall/model/ruleset.h"
 #include "platform/files.h"
 #include "platform/text.h"
@@ -17,25 +18,11 @@ namespace HelperFirewall {
 
 namespace {
 
-std::string plural(size_t count) {
-  return count == 1 ? "" : "s";
-}
-
 std::string loadSummary(const std::vector<FirewallNetworkPolicy>& policies, size_t skipped) {
-  std::string summary;
-  if (policies.empty()) {
-    summary = "No networks have an enabled firewall - the anchor is empty.";
-  } else {
-    std::vector<std::string> names(policies.size());
-    std::transform(policies.begin(), policies.end(), names.begin(),
-                   [](const FirewallNetworkPolicy& policy) { return policy.name; });
-    summary = "Enforcing " + std::to_string(policies.size()) + " network" +
-              plural(policies.size()) + " for all users: " + join(names, ", ");
-  }
-  if (skipped > 0) {
-    summary += " - " + std::to_string(skipped) + " rule" + plural(skipped) + " skipped";
-  }
-  return summary;
+  std::string summary = policies.empty()
+                            ? "No networks have an enabled firewall - the anchor is empty."
+                            : enforcingPhrase(policies, " for all users");
+  return summary + skippedPhrase(skipped);
 }
 
 // Runs the anchor load until it succeeds, retrying while pf reports "Resource busy". Returns the

@@ -11,6 +11,7 @@
 #include "firewall/enforce/helper_error.h"
 #include "firewall/enforce/owners_merge.h"
 #include "firewall/enforce/pfctl.h"
+#include "firewall/enforce/summary_text.h"
 #include "firewall/model/firewall_json.h"
 #include "platform/files.h"
 #include "platform/text.h"
@@ -33,10 +34,6 @@ namespace HelperFirewall {
 namespace {
 
 namespace Store = NetworkFirewall::PolicyStore;
-
-std::string plural(size_t count) {
-  return count == 1 ? "" : "s";
-}
 
 std::vector<std::string> renderedNotes(const std::vector<NetworkFirewall::Review::Note>& notes) {
   std::vector<std::string> lines(notes.size());
@@ -90,19 +87,9 @@ std::string anchorLines(std::string_view mainRules) {
 
 std::string replyText(const std::vector<FirewallNetworkPolicy>& enforceable,
                       const std::vector<NetworkFirewall::Review::Note>& skipped, size_t others) {
-  std::string text;
-  if (enforceable.empty()) {
-    text = "None of your networks has an enabled firewall.";
-  } else {
-    std::vector<std::string> names(enforceable.size());
-    std::transform(enforceable.begin(), enforceable.end(), names.begin(),
-                   [](const auto& network) { return network.name; });
-    text = "Enforcing " + std::to_string(enforceable.size()) + " network" +
-           plural(enforceable.size()) + ": " + join(names, ", ");
-  }
-  if (!skipped.empty()) {
-    text += " - " + std::to_string(skipped.size()) + " rule" + plural(skipped.size()) + " skipped";
-  }
+  std::string text = enforceable.empty() ? "None of your networks has an enabled firewall."
+                                         : enforcingPhrase(enforceable, "");
+  text += skippedPhrase(skipped.size());
   if (others >= 1) text += " - " + std::to_string(others) + " more for other users of this Mac";
   return text;
 }

@@ -213,18 +213,21 @@ std::vector<FirewallNetworkPolicy> decodeNetworks(const json& value, const std::
   return out;
 }
 
+std::string parserMessage(const json::exception& error) {
+  std::string message = error.what();
+  if (!message.empty() && message.front() == '[') {
+    std::size_t close = message.find("] ");
+    if (close != std::string::npos) message.erase(0, close + 2);
+  }
+  return message;
+}
+
 std::vector<FirewallNetworkPolicy> decodeDocument(std::string_view document) {
   json parsed;
   try {
     parsed = json::parse(document.begin(), document.end());
   } catch (const json::exception& error) {
-    // The parser's text without its "[json.exception.parse_error.101] " tag.
-    std::string message = error.what();
-    if (!message.empty() && message.front() == '[') {
-      std::size_t close = message.find("] ");
-      if (close != std::string::npos) message.erase(0, close + 2);
-    }
-    throw DecodeError("the document is not JSON: " + message);
+    throw DecodeError("the document is not JSON: " + parserMessage(error));
   }
   return decodeNetworks(parsed, "");
 }

@@ -35,6 +35,10 @@ FirewallNetworkPolicy decodeNetwork(const nlohmann::json& value, const std::stri
 std::vector<FirewallNetworkPolicy> decodeNetworks(const nlohmann::json& value,
                                                   const std::string& where);
 
+// The parser's description of a JSON syntax error, without the library's "[json.exception...] "
+// tag.
+std::string parserMessage(const nlohmann::json::exception& error);
+
 // Parses UTF-8 bytes whose top level is an array of networks. Throws DecodeError, also for bytes
 // that are not JSON.
 std::vector<FirewallNetworkPolicy> decodeDocument(std::string_view document);

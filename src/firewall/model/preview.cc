@@ -103,12 +103,8 @@ std::vector<HostAddress> decodeHosts(std::string_view document) {
   try {
     parsed = json::parse(document.begin(), document.end());
   } catch (const json::exception& error) {
-    std::string message = error.what();
-    if (!message.empty() && message.front() == '[') {
-      const std::size_t close = message.find("] ");
-      if (close != std::string::npos) message.erase(0, close + 2);
-    }
-    throw UsageError("Could not read the hosts file: it is not JSON: " + message);
+    throw UsageError("Could not read the hosts file: it is not JSON: " +
+                     FirewallJSON::parserMessage(error));
   }
   if (!parsed.is_array()) {
     hostsFault("the document", std::string("expected an array, found ") + parsed.type_name());
