@@ -215,22 +215,22 @@ TEST_F(HelperCLISymlinkTest, RemoveTakesAwayOnlyBundleLinks) {
   EXPECT_THAT(tree.entries(tree.usr("local/bin")), ElementsAre("qzr"));
   EXPECT_FALSE(pathExists(zshLink()) || pathExists(fishLink("tarnly.fish")));
   EXPECT_EQ(tree.linkTarget(fishLink("tqz.fish")), "/usr/share/fish/tqz.fish");
-  const auto foreign = {
-      leftAlone("/usr/local/bin/qzr", "/usr/local/Cellar/qzr/bin/qzr"),
-      leftAlone("/usr/local/share/fish/vendor_completions.d/tqz.fish", "/usr/share/fish/tqz.fish")};
-  EXPECT_THAT(tree.log(),
-              ElementsAre("Removed /usr/local/bin/tarnly.", "Removed /usr/local/bin/tqz.",
-                          "Removed /usr/local/bin/qz.", *foreign.begin(),
-                          "Removed /usr/local/share/zsh/site-functions/_tarnly.",
-                          "Removed /usr/local/share/fish/vendor_completions.d/tarnly.fish.",
-                          *(foreign.begin() + 1)));
+  const std::string qzr = leftAlone("/usr/local/bin/qzr", "/usr/local/Cellar/qzr/bin/qzr");
+  const std::string tqzFish =
+      leftAlone("/usr/local/share/fish/vendor_completions.d/tqz.fish", "/usr/share/fish/tqz.fish");
+  EXPECT_THAT(
+      tree.log(),
+      ElementsAre("Removed /usr/local/bin/tarnly.", "Removed /usr/local/bin/tqz.",
+                  "Removed /usr/local/bin/qz.", qzr,
+                  "Removed /usr/local/share/zsh/site-functions/_tarnly.",
+                  "Removed /usr/local/share/fish/vendor_completions.d/tarnly.fish.", tqzFish));
 
   // A second remove finds nothing of its own; a regular file at a link path stays.
   writeFileAtomically(bin("tarnly"), "mine\n", 0755);
   tree.clearLog();
   remove();
   EXPECT_EQ(contentOf(bin("tarnly")), "mine\n");
-  EXPECT_THAT(tree.log(), ElementsAre(*foreign.begin(), *(foreign.begin() + 1)));
+  EXPECT_THAT(tree.log(), ElementsAre(qzr, tqzFish));
 }
 
 TEST_F(HelperCLISymlinkTest, FoldersSwappedForLinksBetweenStepsCreateNothingOutside) {
