@@ -211,6 +211,7 @@ TEST_F(HelperVLANTest, ConcurrentCreatesAndDeletesLoseNoRecord) {
   constexpr int kPerThread = 4;
   fake.addVLAN("vlan99", 99, en0);  // not the helper's; refused each time
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < kPerThread; ++i) {

@@ -219,6 +219,7 @@ TEST_F(PruneTest, ConcurrentScansShareOneMemory) {
   constexpr int kThreads = 4;
   constexpr int kScans = 3;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   std::vector<Lines> reports(kThreads);  // one per thread
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t, &reports] {

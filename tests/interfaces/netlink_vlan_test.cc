@@ -41,6 +41,7 @@ bool linkExists(const std::string& link) {
 std::vector<std::string> names(VLANPreferences& preferences,
                                const std::vector<NetworkInterfaceID>& ids) {
   std::vector<std::string> result;
+  result.reserve(ids.size());
   for (NetworkInterfaceID id : ids) result.push_back(preferences.bsdName(id).value_or("<none>"));
   return result;
 }
