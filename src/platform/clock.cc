@@ -14,8 +14,8 @@ std::string iso8601(TimePoint time) {
   std::tm utc{};
   ::gmtime_r(&t, &utc);
   char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return buffer;
+  size_t length = std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return std::string(buffer, length);
 }
 
 double secondsSinceReferenceDate(TimePoint time) {

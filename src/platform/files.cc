@@ -37,8 +37,8 @@ class Descriptor {
 std::string temporaryName(const std::string& path) {
   static thread_local std::mt19937_64 random{std::random_device{}()};
   char suffix[24];
-  std::snprintf(suffix, sizeof suffix, ".tmp-%012llx",
-                static_cast<unsigned long long>(random() & 0xFFFFFFFFFFFFull));
+  (void)std::snprintf(suffix, sizeof suffix, ".tmp-%012llx",
+                      static_cast<unsigned long long>(random() & 0xFFFFFFFFFFFFull));
   return path + suffix;
 }
 

@@ -12,8 +12,6 @@
 
 #include "platform/text.h"
 
-extern char** environ;
-
 namespace HelperCommand {
 
 namespace {
