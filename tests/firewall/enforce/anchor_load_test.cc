@@ -166,14 +166,4 @@ TEST_F(AnchorLoad, LegacyCleanUpRemovesLegacyLinesAndKeepsTheFirstBackup) {
   EXPECT_EQ(logLines().size(), 2u);
 }
 
-TEST_F(AnchorLoad, BootSessionIsTheTrimmedIdentifierOrNothing) {
-  EXPECT_EQ(HelperFirewall::bootSessionID(env), kBootID);
-  tree.write("proc/boot_id", "\n");
-  EXPECT_FALSE(HelperFirewall::bootSessionID(env).has_value());
-  tree.write("proc/boot_id", std::string("abc\0def", 7));
-  EXPECT_EQ(HelperFirewall::bootSessionID(env), "abc");
-  removeFile(paths.bootID);
-  EXPECT_FALSE(HelperFirewall::bootSessionID(env).has_value());
-}
-
 }  // namespace
