@@ -8,7 +8,7 @@
 namespace {
 
 using nlohmann::json;
-using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 // A valid document of one network with one rule; tests change it one place at a time.
 json validDocument() {
@@ -28,58 +28,42 @@ json validDocument() {
   }])");
 }
 
-std::string decodeFailure(const json& document) {
+std::string decodeFailure(std::string_view bytes) {
   try {
-    FirewallJSON::decodeDocument(document.dump());
+    FirewallJSON::decodeDocument(bytes);
   } catch (const FirewallJSON::DecodeError& error) {
     return error.what();
   }
   return "<decoded>";
 }
 
-TEST(FirewallJSONDecode, ReadsEveryFieldOfAValidDocument) {
-  std::vector<FirewallNetworkPolicy> networks =
-      FirewallJSON::decodeDocument(validDocument().dump());
+TEST(FirewallJSONDecode, ReadsAValidDocumentAndEncodesItBack) {
+  auto networks = FirewallJSON::decodeDocument(validDocument().dump());
   ASSERT_EQ(networks.size(), 1u);
   const FirewallNetworkPolicy& n = networks[0];
-  EXPECT_EQ(n.networkID.text(), "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B");
-  EXPECT_EQ(n.name, "Lab");
-  EXPECT_EQ(n.subnetCIDR, "192.168.64.0/24");
   EXPECT_EQ(n.gatewayIPv4, "192.168.64.1");
   EXPECT_TRUE(n.dnsProxyEnabled);
   EXPECT_EQ(n.keepsIPv6, true);
-  EXPECT_TRUE(n.policy.enabled);
   EXPECT_EQ(n.policy.defaultInbound, FirewallRule::Action::deny);
-  EXPECT_EQ(n.policy.defaultOutbound, FirewallRule::Action::allow);
   ASSERT_EQ(n.policy.rules.size(), 1u);
-  const FirewallRule& r = n.policy.rules[0];
-  EXPECT_EQ(r.id.text(), "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E9");
-  EXPECT_EQ(r.direction, FirewallRule::Direction::inbound);
-  EXPECT_EQ(r.action, FirewallRule::Action::allow);
-  EXPECT_EQ(r.proto, FirewallRule::Proto::tcp);
-  EXPECT_EQ(r.remoteCIDR, "10.0.0.0/8 ");  // kept as typed, blank included
-  EXPECT_EQ(r.ports, "22");
-}
-
-TEST(FirewallJSONDecode, AcceptsEmptyArraysUnknownKeysAndAnyKeyOrder) {
-  EXPECT_TRUE(FirewallJSON::decodeDocument("[]").empty());
+  EXPECT_EQ(n.policy.rules[0].proto, FirewallRule::Proto::tcp);
+  EXPECT_EQ(n.policy.rules[0].remoteCIDR, "10.0.0.0/8 ");  // kept as typed, blank included
+  json encoded = FirewallJSON::encode(networks);
+  EXPECT_EQ(encoded[0]["networkID"], "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B");
+  EXPECT_EQ(encoded[0]["policy"]["rules"][0]["id"], "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E9");
+  EXPECT_EQ(FirewallJSON::decodeDocument(encoded.dump()), networks);
+  // The ordered form keeps the declared key order.
+  std::string ordered = FirewallJSON::encodeOrdered(networks).dump();
+  EXPECT_LT(ordered.find("\"networkID\""), ordered.find("\"name\""));
+  EXPECT_LT(ordered.find("\"policy\""), ordered.find("\"keepsIPv6\""));
+  EXPECT_EQ(json::parse(ordered), encoded);
+  // Unknown keys are ignored and empty arrays accepted.
+  json extra = validDocument();
+  extra[0]["colour"] = "blue";
+  extra[0]["policy"]["future"] = {1, 2};
+  extra[0]["policy"]["rules"] = json::array();
+  ASSERT_EQ(FirewallJSON::decodeDocument(extra.dump()).size(), 1u);
   EXPECT_TRUE(FirewallJSON::decodeDocument(" \n[ ]\n").empty());
-  json document = validDocument();
-  document[0]["colour"] = "blue";
-  document[0]["policy"]["future"] = {1, 2};
-  document[0]["policy"]["rules"][0]["comment"] = nullptr;
-  document[0]["policy"]["rules"] = json::array();
-  std::vector<FirewallNetworkPolicy> networks = FirewallJSON::decodeDocument(document.dump());
-  ASSERT_EQ(networks.size(), 1u);
-  EXPECT_TRUE(networks[0].policy.rules.empty());
-  // Keys in reverse order read the same.
-  std::string reversed = R"([{"keepsIPv6": false, "policy": {"rules": [], "defaultOutbound": "deny",
-    "defaultInbound": "allow", "enabled": false}, "dnsProxyEnabled": false, "subnetCIDR": "x",
-    "name": "", "networkID": "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B"}])";
-  networks = FirewallJSON::decodeDocument(reversed);
-  ASSERT_EQ(networks.size(), 1u);
-  EXPECT_FALSE(networks[0].policy.enabled);  // a disabled policy decodes like any other
-  EXPECT_EQ(networks[0].keepsIPv6, false);
 }
 
 TEST(FirewallJSONDecode, MissingOrNullOptionalsReadAsAbsentAndAreNotWritten) {
@@ -90,33 +74,10 @@ TEST(FirewallJSONDecode, MissingOrNullOptionalsReadAsAbsentAndAreNotWritten) {
   nulls[0]["gatewayIPv4"] = nullptr;
   nulls[0]["keepsIPv6"] = nullptr;
   auto fromMissing = FirewallJSON::decodeDocument(missing.dump());
-  auto fromNulls = FirewallJSON::decodeDocument(nulls.dump());
-  EXPECT_EQ(fromMissing, fromNulls);
+  EXPECT_EQ(fromMissing, FirewallJSON::decodeDocument(nulls.dump()));
   EXPECT_FALSE(fromMissing[0].gatewayIPv4);
   EXPECT_FALSE(fromMissing[0].keepsIPv6);
-  json encoded = FirewallJSON::encode(fromNulls);
-  EXPECT_FALSE(encoded[0].contains("gatewayIPv4"));
-  EXPECT_FALSE(encoded[0].contains("keepsIPv6"));
-  EXPECT_EQ(encoded.dump().find("null"), std::string::npos);
-}
-
-TEST(FirewallJSONDecode, EncodingRoundTripsAndWritesUpperCaseIdentities) {
-  auto networks = FirewallJSON::decodeDocument(validDocument().dump());
-  json encoded = FirewallJSON::encode(networks);
-  EXPECT_EQ(encoded[0]["networkID"], "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B");
-  EXPECT_EQ(encoded[0]["policy"]["rules"][0]["id"], "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E9");
-  EXPECT_EQ(encoded[0]["policy"]["rules"][0]["remoteCIDR"], "10.0.0.0/8 ");
-  EXPECT_EQ(FirewallJSON::decodeDocument(encoded.dump()), networks);
-  EXPECT_EQ(FirewallJSON::encode(networks[0]), encoded[0]);
-  EXPECT_EQ(FirewallJSON::encode(networks[0].policy), encoded[0]["policy"]);
-  EXPECT_EQ(FirewallJSON::encode(networks[0].policy.rules[0]), encoded[0]["policy"]["rules"][0]);
-  // The ordered form keeps the declared key order.
-  std::string ordered = FirewallJSON::encodeOrdered(networks).dump();
-  EXPECT_LT(ordered.find("\"networkID\""), ordered.find("\"name\""));
-  EXPECT_LT(ordered.find("\"name\""), ordered.find("\"subnetCIDR\""));
-  EXPECT_LT(ordered.find("\"policy\""), ordered.find("\"keepsIPv6\""));
-  EXPECT_LT(ordered.find("\"id\""), ordered.find("\"enabled\":true,\"direction\""));
-  EXPECT_EQ(json::parse(ordered), encoded);
+  EXPECT_EQ(FirewallJSON::encode(fromMissing).dump().find("null"), std::string::npos);
 }
 
 TEST(FirewallJSONDecode, EachKindOfFaultFailsTheWholeDocumentNamingThePlace) {
@@ -129,18 +90,12 @@ TEST(FirewallJSONDecode, EachKindOfFaultFailsTheWholeDocumentNamingThePlace) {
        R"([0].policy.rules[0].proto: "ICMP" is not one of "any", "tcp", "udp", "icmp")"},
       {[](json& d) { d[0]["policy"]["rules"][0]["direction"] = "in"; },
        R"([0].policy.rules[0].direction: "in" is not one of "inbound", "outbound")"},
-      {[](json& d) { d[0]["policy"]["defaultInbound"] = "Allow"; },
-       R"([0].policy.defaultInbound: "Allow" is not one of "allow", "deny")"},
       {[](json& d) { d[0]["policy"]["rules"][0].erase("ports"); },
        "[0].policy.rules[0].ports: required key is missing"},
       {[](json& d) { d[0]["name"] = nullptr; }, "[0].name: required value is null"},
       {[](json& d) { d[0].erase("policy"); }, "[0].policy: required key is missing"},
-      {[](json& d) { d[0]["policy"].erase("enabled"); },
-       "[0].policy.enabled: required key is missing"},
       {[](json& d) { d[0]["dnsProxyEnabled"] = 1; },
        "[0].dnsProxyEnabled: expected a boolean, found number"},
-      {[](json& d) { d[0]["keepsIPv6"] = "true"; },
-       "[0].keepsIPv6: expected a boolean, found string"},
       {[](json& d) { d[0]["gatewayIPv4"] = 192; },
        "[0].gatewayIPv4: expected a string, found number"},
       {[](json& d) { d[0]["policy"]["rules"] = json::object(); },
@@ -149,33 +104,24 @@ TEST(FirewallJSONDecode, EachKindOfFaultFailsTheWholeDocumentNamingThePlace) {
        "[0].policy.rules[0]: expected an object, found string"},
       {[](json& d) { d[0]["networkID"] = "6f1c2a7e3b4d4e5f8a9b0c1d2e3f4a5b"; },
        R"([0].networkID: "6f1c2a7e3b4d4e5f8a9b0c1d2e3f4a5b" is not a UUID (8-4-4-4-12 hexadecimal digits))"},
-      {[](json& d) { d[0]["policy"]["rules"][0]["id"] = 7; },
-       "[0].policy.rules[0].id: expected a string, found number"},
       {[](json& d) {
          d.push_back(d[0]);
          d[1]["policy"]["rules"][0]["enabled"] = "yes";
        },
        "[1].policy.rules[0].enabled: expected a boolean, found string"},
       {[](json& d) { d = d[0]; }, "the document: expected an array of networks, found object"},
-      {[](json& d) { d = nullptr; }, "the document: expected an array of networks, found null"},
   };
   for (const Case& c : cases) {
     json document = validDocument();
     c.change(document);
-    EXPECT_EQ(decodeFailure(document), c.description);
+    EXPECT_EQ(decodeFailure(document.dump()), c.description);
   }
 }
 
 TEST(FirewallJSONDecode, BytesThatAreNotJSONFailWithTheParsersDescription) {
   for (std::string_view bytes : {"", "[", "[{]", "not json", "[] []", "[\"\xFF\"]"}) {
-    try {
-      FirewallJSON::decodeDocument(bytes);
-      ADD_FAILURE() << "decoded: " << bytes;
-    } catch (const FirewallJSON::DecodeError& error) {
-      EXPECT_THAT(error.what(), HasSubstr("the document is not JSON: "));
-      EXPECT_THAT(error.what(), HasSubstr("line 1"));
-      EXPECT_THAT(error.what(), ::testing::Not(HasSubstr("json.exception")));
-    }
+    EXPECT_THAT(decodeFailure(bytes),
+                StartsWith("the document is not JSON: parse error at line 1"));
   }
 }
 

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "model_fixtures.h"
-#include "platform/text.h"
 
 namespace {
 
@@ -25,8 +24,6 @@ const std::string kUnusable =
 
 TEST(IPv4Text, ParseIPv4TakesExactlyFourDecimalOctets) {
   EXPECT_EQ(parseIPv4("192.168.64.1"), (std::array<std::uint8_t, 4>{192, 168, 64, 1}));
-  EXPECT_EQ(parseIPv4("0.0.0.0"), (std::array<std::uint8_t, 4>{0, 0, 0, 0}));
-  EXPECT_EQ(parseIPv4("255.255.255.255"), (std::array<std::uint8_t, 4>{255, 255, 255, 255}));
   for (std::string_view bad :
        {"", " 192.168.64.1", "192.168.64.1 ", "192.168.064.1", "10.0.0", "256.1.1.1", "1.2.3.4.5",
         "0x1.2.3.4", "1.2.3.4/24", "::1", "1..2.3", "255.255.255.2555"}) {
@@ -35,19 +32,9 @@ TEST(IPv4Text, ParseIPv4TakesExactlyFourDecimalOctets) {
   EXPECT_FALSE(parseIPv4(std::string_view("1.2.3.4\0x", 9)));
 }
 
-TEST(IPv4Text, TrimmedFieldAgreesWithTheFullTrim) {
-  for (std::string_view text :
-       {"", " ", "a", "10.0.0.0/8", " 10.0.0.0/8", "10.0.0.0/8\t", "\u00A0443", "443\u3000",
-        "\u00E9", "x\u00A0", "\n#", "# c", "\t# c ", "\x7F", "a\r", "\xFF", "\xC2\xA0\xC2"}) {
-    EXPECT_EQ(trimmedField(text), trimSpaces(text)) << text;
-  }
-}
-
 TEST(IPv4Text, ParseCIDRTrimsAndReadsOneOrTwoDigitPrefixes) {
   EXPECT_EQ(parseCIDR("10.1.2.3"), (ParsedCIDR{{10, 1, 2, 3}, 32}));
   EXPECT_EQ(parseCIDR("\u00A0 10.1.2.3/8\t"), (ParsedCIDR{{10, 1, 2, 3}, 8}));
-  EXPECT_EQ(parseCIDR("10.1.2.3/0"), (ParsedCIDR{{10, 1, 2, 3}, 0}));
-  EXPECT_EQ(parseCIDR("10.1.2.3/08"), (ParsedCIDR{{10, 1, 2, 3}, 8}));
   for (std::string_view bad :
        {"10.1.2.3/", "10.1.2.3/33", "10.1.2.3/024", "10.1.2.3//24", "10.1.2.3/2/4", "/24",
         "10.1.2.3/+8", "10.1.2.3/ 8", "10.1.2.3 /8", "\n10.1.2.3/8"}) {
@@ -57,23 +44,16 @@ TEST(IPv4Text, ParseCIDRTrimsAndReadsOneOrTwoDigitPrefixes) {
 
 TEST(IPv4Text, PrefixesMatchComparesLeadingBits) {
   const Bytes a{192, 168, 64, 7};
-  EXPECT_TRUE(prefixesMatch(a, Bytes{192, 168, 64, 0}, 24));
-  EXPECT_FALSE(prefixesMatch(a, Bytes{192, 168, 64, 0}, 30));
   EXPECT_TRUE(prefixesMatch(a, Bytes{192, 168, 64, 4}, 30));
+  EXPECT_FALSE(prefixesMatch(a, Bytes{192, 168, 64, 0}, 30));
   EXPECT_TRUE(prefixesMatch(a, Bytes{192, 168, 65, 0}, 23));
-  EXPECT_FALSE(prefixesMatch(a, Bytes{192, 168, 65, 0}, 24));
-  EXPECT_TRUE(prefixesMatch(a, Bytes{1, 2, 3, 4}, 0));
   EXPECT_TRUE(prefixesMatch(a, Bytes{1, 2, 3, 4}, -5));
-  EXPECT_TRUE(prefixesMatch(a, a, 500));
   EXPECT_FALSE(prefixesMatch(a, Bytes{192, 168, 64, 6}, 500));
   EXPECT_FALSE(prefixesMatch(a, Bytes{192, 168, 64}, 0));
-  EXPECT_TRUE(prefixesMatch(Bytes{}, Bytes{}, 8));
   EXPECT_EQ(dottedQuad(Bytes{0, 10, 100, 255}), "0.10.100.255");
 }
 
 TEST(IPv4Text, CanonicalSubnetClearsHostBitsWithinTheVirtualNetworkRange) {
-  EXPECT_EQ(canonicalSubnet("192.168.64.0/24"), "192.168.64.0/24");
-  EXPECT_EQ(canonicalSubnet("192.168.64.7/24"), "192.168.64.0/24");
   EXPECT_EQ(canonicalSubnet("  192.168.64.7/24 \u3000"), "192.168.64.0/24");
   EXPECT_EQ(canonicalSubnet("192.168.79.255/20"), "192.168.64.0/20");
   EXPECT_EQ(canonicalSubnet("192.168.64.7/30"), "192.168.64.4/30");
@@ -85,26 +65,19 @@ TEST(IPv4Text, CanonicalSubnetClearsHostBitsWithinTheVirtualNetworkRange) {
   }
 }
 
-TEST(SubnetProblem, UnusableSubnetsQuoteTheTextAsReceived) {
+TEST(SubnetProblem, RefusesUnusableSubnetsAndOverlapsWithTheHostsOwnNetworks) {
   EXPECT_EQ(subnetProblem(" 10.0.0.0/24 ", {}), "the subnet \" 10.0.0.0/24 " + kUnusable);
   EXPECT_EQ(subnetProblem("192.168.64.0/31", {}), "the subnet \"192.168.64.0/31" + kUnusable);
-  EXPECT_FALSE(subnetProblem("192.168.64.9/24", {}));
-}
-
-TEST(SubnetProblem, OverlapWithTheHostsOwnNetworksRefusesTheSubnet) {
   const std::string tail =
       ", one of this Mac's own networks; rules there would cut the Mac off from it.";
-  // A virtual network's own bridge is not one of the host's networks.
-  EXPECT_FALSE(subnetProblem("192.168.64.0/24", {host("bridge100", {192, 168, 64, 1}, 24)}));
-  EXPECT_FALSE(subnetProblem("192.168.64.0/24", {host("bridge0100", {192, 168, 64, 1}, 24)}));
-  EXPECT_EQ(subnetProblem("192.168.64.5/24", {host("bridge0", {192, 168, 64, 1}, 24)}),
-            "192.168.64.0/24 overlaps bridge0 (192.168.64.1)" + tail);
-  EXPECT_EQ(subnetProblem("192.168.64.0/24", {host("bridge99", {192, 168, 64, 1}, 24)}),
-            "192.168.64.0/24 overlaps bridge99 (192.168.64.1)" + tail);
-  EXPECT_EQ(subnetProblem("192.168.64.0/24", {host("bridgeX", {192, 168, 64, 1}, 24)}),
-            "192.168.64.0/24 overlaps bridgeX (192.168.64.1)" + tail);
-  EXPECT_EQ(subnetProblem("192.168.64.0/24", {host("en0", {192, 168, 64, 1}, 24)}),
-            "192.168.64.0/24 overlaps en0 (192.168.64.1)" + tail);
+  // A virtual network's own bridge (bridge100 and up) is not one of the host's networks.
+  for (const char* bridge : {"bridge100", "bridge0100"}) {
+    EXPECT_FALSE(subnetProblem("192.168.64.9/24", {host(bridge, {192, 168, 64, 1}, 24)}));
+  }
+  for (const char* other : {"bridge0", "bridge99", "bridgeX", "en0"}) {
+    EXPECT_EQ(subnetProblem("192.168.64.5/24", {host(other, {192, 168, 64, 1}, 24)}),
+              "192.168.64.0/24 overlaps " + std::string(other) + " (192.168.64.1)" + tail);
+  }
   // The shorter prefix decides: a /16 on the host covers every acceptable subnet...
   EXPECT_EQ(subnetProblem("192.168.200.0/22", {host("en0", {192, 168, 0, 10}, 16)}),
             "192.168.200.0/22 overlaps en0 (192.168.0.10)" + tail);
@@ -128,7 +101,6 @@ TEST(RuleChecks, RemotesNormalise) {
     EXPECT_EQ(normalizedRemote(any), "any") << any;
   }
   EXPECT_EQ(normalizedRemote("10.1.2.3"), "10.1.2.3/32");
-  EXPECT_EQ(normalizedRemote("10.1.2.3/8"), "10.1.2.3/8");
   EXPECT_EQ(normalizedRemote(" 10.0.0.0/8 "), "10.0.0.0/8");
   for (std::string_view bad : {"10.0.0.0/33", "example.com", "10.0.0", "any/8", "anywhere", "\nany",
                                "10.0.0.0/8,10.1.0.0/16"}) {
@@ -137,17 +109,15 @@ TEST(RuleChecks, RemotesNormalise) {
 }
 
 TEST(RuleChecks, PortsNormaliseIncludingOddForms) {
-  EXPECT_EQ(normalizedPorts("443"), "443");
-  EXPECT_EQ(normalizedPorts(" 443\t"), "443");
-  EXPECT_EQ(normalizedPorts("8000-8080"), "8000:8080");
-  EXPECT_EQ(normalizedPorts("8000:8080"), "8000:8080");
-  EXPECT_EQ(normalizedPorts("80-80"), "80:80");
-  EXPECT_EQ(normalizedPorts("-443"), "443");
-  EXPECT_EQ(normalizedPorts("443-"), "443");
-  EXPECT_EQ(normalizedPorts("+443"), "443");
-  EXPECT_EQ(normalizedPorts("1:+65535"), "1:65535");
-  EXPECT_EQ(normalizedPorts("--80::90-"), "80:90");
-  EXPECT_EQ(normalizedPorts("0080"), "80");
+  // clang-format off
+  const std::vector<std::pair<std::string_view, std::string>> good = {
+      {" 443\t", "443"}, {"8000-8080", "8000:8080"}, {"8000:8080", "8000:8080"}, {"80-80", "80:80"},
+      {"-443", "443"}, {"443-", "443"}, {"+443", "443"}, {"1:+65535", "1:65535"},
+      {"--80::90-", "80:90"}, {"0080", "80"}};
+  // clang-format on
+  for (const auto& [text, ports] : good) {
+    EXPECT_EQ(normalizedPorts(text), ports) << text;
+  }
   for (std::string_view bad :
        {"", "  ", "8080-8000", "0", "65536", "80,443", "80-90-100", "80 - 90", "http", "-", ":",
         "++443", "+", "99999999999999999999999", "1-0", "80-x"}) {
@@ -164,25 +134,7 @@ TEST(RuleChecks, RuleProblemsQuoteTheFieldAsReceived) {
   EXPECT_EQ(ruleProblem(rule(Dir::inbound, Act::allow, Proto::any, "x", "y")),
             "\"x\" isn't an IPv4 address or CIDR (such as 10.0.0.0/8).");
   EXPECT_FALSE(ruleProblem(rule(Dir::inbound, Act::allow, Proto::icmp, "any", "junk")));
-  EXPECT_FALSE(ruleProblem(rule(Dir::inbound, Act::allow, Proto::tcp, "any", " \t ")));
   EXPECT_FALSE(ruleProblem(rule(Dir::outbound, Act::deny, Proto::any, "10.0.0.0/8", "")));
-}
-
-TEST(Review, SkippedRulesAreLabelledByPositionCountingDisabledRules) {
-  FirewallNetworkPolicy lab = network(1, "Lab", "192.168.64.0/24");
-  lab.policy.rules = {
-      rule(Dir::inbound, Act::allow, Proto::tcp, "bad remote", "22", false),
-      rule(Dir::inbound, Act::allow, Proto::tcp, "any", "22"),
-      rule(Dir::inbound, Act::allow, Proto::tcp, "nowhere", "22"),
-      rule(Dir::outbound, Act::deny, Proto::udp, "any", "0"),
-  };
-  std::vector<Review::Note> notes = skippedRuleNotes(lab.policy.rules, lab, "Lab");
-  ASSERT_EQ(notes.size(), 2u);
-  EXPECT_EQ(notes[0].networkID, lab.networkID);
-  EXPECT_EQ(notes[0].label, "Lab, rule 3");
-  EXPECT_EQ(notes[1].label, "Lab, rule 4");
-  EXPECT_EQ(rendered(notes[1]),
-            "Lab, rule 4: \"0\" isn't a port or port range (1-65535, such as 443 or 8000-8080).");
 }
 
 TEST(Review, SortsNetworksIntoEnforceableRefusedAndSkipped) {
@@ -191,8 +143,9 @@ TEST(Review, SortsNetworksIntoEnforceableRefusedAndSkipped) {
   off.policy.rules = {rule(Dir::inbound, Act::allow, Proto::tcp, "junk", "22")};
   FirewallNetworkPolicy lab = network(2, "Lab", " 192.168.64.9/24 ");
   lab.gatewayIPv4 = "192.168.64.1";
-  lab.policy.rules = {rule(Dir::inbound, Act::allow, Proto::tcp, "junk", "22"),
-                      rule(Dir::inbound, Act::allow, Proto::tcp, "any", "22")};
+  lab.policy.rules = {rule(Dir::inbound, Act::allow, Proto::tcp, "bad", "22", false),
+                      rule(Dir::inbound, Act::allow, Proto::tcp, "any", "22"),
+                      rule(Dir::outbound, Act::deny, Proto::udp, "any", "0")};
   FirewallNetworkPolicy outside = network(3, "Outside", "10.0.0.0/24");
   outside.policy.rules = {rule(Dir::inbound, Act::allow, Proto::tcp, "junk", "22")};
   FirewallNetworkPolicy home = network(4, "Home", "192.168.1.0/24");
@@ -218,7 +171,9 @@ TEST(Review, SortsNetworksIntoEnforceableRefusedAndSkipped) {
       << result.refused[1].problem;
 
   ASSERT_EQ(result.skippedRules.size(), 2u);
-  EXPECT_EQ(result.skippedRules[0].label, "Lab, rule 1");
+  // Labels count disabled rules too.
+  EXPECT_EQ(rendered(result.skippedRules[0]),
+            "Lab, rule 3: \"0\" isn't a port or port range (1-65535, such as 443 or 8000-8080).");
   EXPECT_EQ(result.skippedRules[0].networkID, lab.networkID);
   EXPECT_EQ(result.skippedRules[1].label, "Farm, rule 1");
 }
@@ -238,15 +193,6 @@ TEST(Review, CleansTheGateway) {
   EXPECT_EQ(reviewedGateway("192.168.65.1"), std::nullopt);        // outside the subnet
   EXPECT_EQ(reviewedGateway(" 192.168.64.1"), std::nullopt);       // not trimmed
   EXPECT_EQ(reviewedGateway("gateway"), std::nullopt);
-  EXPECT_EQ(reviewedGateway(std::nullopt), std::nullopt);
-}
-
-TEST(Review, WithNoHostAddressesEveryAcceptableSubnetPasses) {
-  Review result =
-      review({network(1, "A", "192.168.0.0/20"), network(2, "B", "192.168.0.0/30")}, {});
-  EXPECT_EQ(result.enforceable.size(), 2u);
-  EXPECT_TRUE(result.refused.empty());
-  EXPECT_TRUE(review({}, {}).enforceable.empty());
 }
 
 }  // namespace
