@@ -3,7 +3,6 @@
 #include "firewall/enforce/uninstall_cleanup.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -18,86 +17,61 @@ namespace {
 class UninstallCleanupTest : public ::testing::Test {
  protected:
   UninstallCleanupTest()
-      : log(tree.path("log/helper.log"), tree.path("log/helper.log.1")),
-        env{paths(), systemNow, log} {
-    tree.write("log/helper.log", "2026-01-01T00:00:00Z Helper listening.\n");
-    tree.write("log/helper.log.1", "older lines\n");
+      : log(tree.path("log/a.log"), tree.path("log/a.log.1")), env{{}, systemNow, log} {
+    env.paths.stateDirectory = tree.path("state");
+    env.paths.logFile = tree.path("log/a.log");
+    env.paths.rotatedLogFile = tree.path("log/a.log.1");
+    tree.write("log/a.log", "2026-01-01T00:00:00Z Helper listening.\n");
+    tree.write("log/a.log.1", "older lines\n");
   }
-
-  HostPaths paths() const {
-    HostPaths paths;
-    paths.stateDirectory = tree.path("state");
-    paths.logFile = tree.path("log/helper.log");
-    paths.rotatedLogFile = tree.path("log/helper.log.1");
-    return paths;
+  // Writes the state files and cleans up; the log files must be gone afterwards.
+  std::optional<std::string> cleanUp(
+      const std::vector<std::pair<std::string, std::string>>& files) {
+    for (const auto& [name, content] : files) tree.write("state/" + name, content, 0600);
+    auto result = HelperFirewall::removeStateForUninstall(env);
+    EXPECT_FALSE(exists("log/a.log") || exists("log/a.log.1"));
+    return result;
   }
-
-  void writeState(const std::string& name, const std::string& content) {
-    tree.write("state/" + name, content, 0600);
-  }
-
-  bool logFilesGone() const {
-    return !pathExists(tree.path("log/helper.log")) && !pathExists(tree.path("log/helper.log.1"));
-  }
+  bool exists(const std::string& name) const { return pathExists(tree.path(name)); }
 
   TempTree tree;
   HelperLog log;
   HelperEnvironment env;
 };
 
-TEST_F(UninstallCleanupTest, EmptyVLANRecordAndLeftoversGoWithTheDirectory) {
-  writeState("vlans.json", "[]");
-  writeState("pf.conf.before-tarnly-cleanup", "pass all\n");
-  writeState(".DS_Store", "");
-  EXPECT_EQ(HelperFirewall::removeStateForUninstall(env), std::nullopt);
-  EXPECT_FALSE(pathExists(tree.path("state")));
-  EXPECT_TRUE(logFilesGone());
+TEST_F(UninstallCleanupTest, EmptyOrUndecodableVLANRecordAndLeftoversGoWithTheDirectory) {
+  EXPECT_EQ(
+      cleanUp({{"vlans.json", "[]"}, {"pf.conf.before-tarnly-cleanup", "x"}, {".DS_Store", ""}}),
+      std::nullopt);
+  EXPECT_FALSE(exists("state"));
+  EXPECT_EQ(cleanUp({{"vlans.json", "{\"bsdName\": tru"}}), std::nullopt);
+  EXPECT_FALSE(exists("state"));
 }
 
-TEST_F(UninstallCleanupTest, UndecodableVLANRecordIsRemovedLikeAnEmptyOne) {
-  writeState("vlans.json", "{\"bsdName\": tru");
-  EXPECT_EQ(HelperFirewall::removeStateForUninstall(env), std::nullopt);
-  EXPECT_FALSE(pathExists(tree.path("state")));
-}
-
-TEST_F(UninstallCleanupTest, FilesStillInUseStayWithTheirReasons) {
-  writeState("firewall-policies.json", "{}");
-  writeState("firewall.pf.conf", "block drop all\n");
-  EXPECT_EQ(HelperFirewall::removeStateForUninstall(env),
+TEST_F(UninstallCleanupTest, FilesStillInUseStayAndAreExplainedInOrder) {
+  EXPECT_EQ(cleanUp({{"firewall-policies.json", "{}"}, {"firewall.pf.conf", "block drop all\n"}}),
             "firewall rules another account on this Mac still uses");
-  EXPECT_TRUE(pathExists(tree.path("state/firewall-policies.json")));
-  EXPECT_TRUE(pathExists(tree.path("state/firewall.pf.conf")));
-  EXPECT_TRUE(logFilesGone());
-}
-
-TEST_F(UninstallCleanupTest, RecordedVLANsAndUnknownFilesAreExplainedInOrder) {
-  writeState("vlans.json", R"([{"bsdName":"vlan0","tag":42,"parentBSD":"en0"}])");
-  writeState("firewall-loaded.json", "{}");
-  writeState("notes.txt", "mine");
-  writeState(".DS_Store", "");
-  EXPECT_EQ(HelperFirewall::removeStateForUninstall(env),
+  EXPECT_TRUE(exists("state/firewall-policies.json") && exists("state/firewall.pf.conf"));
+  EXPECT_EQ(cleanUp({{"vlans.json", R"([{"bsdName":"vlan0","tag":42,"parentBSD":"en0"}])"},
+                     {"notes.txt", "mine"},
+                     {".DS_Store", ""}}),
             "firewall rules another account on this Mac still uses, the list of VLANs Tarnly "
             "created, which lets a later install remove them, and notes.txt");
-  EXPECT_TRUE(pathExists(tree.path("state/vlans.json")));
-  EXPECT_FALSE(pathExists(tree.path("state/.DS_Store")));
+  EXPECT_TRUE(exists("state/vlans.json"));
+  EXPECT_FALSE(exists("state/.DS_Store"));
 }
 
-TEST_F(UninstallCleanupTest, MissingStateDirectoryStillRemovesTheLog) {
-  EXPECT_EQ(HelperFirewall::removeStateForUninstall(env), std::nullopt);
-  EXPECT_TRUE(logFilesGone());
+TEST_F(UninstallCleanupTest, MissingOrUnlistableStateDirectoryStillRemovesTheLog) {
+  EXPECT_EQ(cleanUp({}), std::nullopt);
   log.write("Helper exiting: idle.");
-  EXPECT_TRUE(logFilesGone()) << "no line is written after the clean-up";
-}
-
-TEST_F(UninstallCleanupTest, UnlistableStateDirectoryGivesNoExplanation) {
+  EXPECT_FALSE(exists("log/a.log")) << "no line is written after the clean-up";
   tree.write("state", "not a folder");
-  EXPECT_EQ(HelperFirewall::removeStateForUninstall(env), std::nullopt);
-  EXPECT_TRUE(pathExists(tree.path("state")));
-  EXPECT_TRUE(logFilesGone());
+  EXPECT_EQ(cleanUp({}), std::nullopt);
+  EXPECT_TRUE(exists("state"));
 }
 
 TEST_F(UninstallCleanupTest, ConcurrentFirewallOperationHoldsOffTheCleanup) {
-  writeState("vlans.json", "[]");
+  tree.write("state/vlans.json", "[]");
   std::atomic<bool> done{false};
   std::thread cleanup;
   {
@@ -108,11 +82,10 @@ TEST_F(UninstallCleanupTest, ConcurrentFirewallOperationHoldsOffTheCleanup) {
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(done.load());
-    EXPECT_TRUE(pathExists(tree.path("state/vlans.json"))) << "nothing removed while locked out";
+    EXPECT_TRUE(exists("state/vlans.json")) << "nothing removed while locked out";
   }
   cleanup.join();
-  EXPECT_TRUE(done.load());
-  EXPECT_FALSE(pathExists(tree.path("state")));
+  EXPECT_FALSE(exists("state"));
 }
 
 }  // namespace
