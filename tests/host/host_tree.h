@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -82,14 +82,13 @@ class HostTree {
     return error ? "<no link>" : target.string();
   }
   // The names in a folder, sorted; empty when it is missing.
-  std::vector<std::string> entries(const std::string& folder) const {
-    std::vector<std::string> names;
+  std::set<std::string> entries(const std::string& folder) const {
+    std::set<std::string> names;
     std::error_code error;
     for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end;
          it.increment(error)) {
-      names.push_back(it->path().filename().string());
+      names.insert(it->path().filename().string());
     }
-    std::sort(names.begin(), names.end());
     return names;
   }
   // Log messages written so far, without their time stamps; clearLog starts afresh.
