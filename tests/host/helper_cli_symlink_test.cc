@@ -280,18 +280,11 @@ TEST_F(HelperCLISymlinkTest, EveryDescriptorIsClosedOnEveryPath) {
 }
 
 TEST(HelperCLISymlinkTargetTest, BundleTargetsAreRecognisedBySuffix) {
-  using HelperCLISymlink::isBundleCLITarget;
-  using HelperCLISymlink::isBundleCompletionTarget;
-  EXPECT_TRUE(isBundleCLITarget("/Users/a/Downloads/Tarnly.app/Contents/Helpers/tarnly"));
-  EXPECT_TRUE(isBundleCLITarget("../../Tarnly.app/Contents/Helpers/qz"));
-  for (const char* target :
-       {"/Applications/Tarnly.app/Contents/Helpers/qzr",
-        "/Applications/MyTarnly.app/Contents/Helpers/tarnly",
-        "/Applications/Tarnly.app/Contents/MacOS/tarnly", "Tarnly.app/Contents/Helpers/tarnly"}) {
-    EXPECT_FALSE(isBundleCLITarget(target)) << target;
-  }
-  EXPECT_TRUE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/tarnly.fish"));
-  EXPECT_FALSE(isBundleCompletionTarget("/A/Tarnly.app/Contents/Resources/completions/tqz.fish"))
+  EXPECT_TRUE(HelperCLISymlink::isBundleCLITarget("../../Tarnly.app/Contents/Helpers/qz"));
+  EXPECT_FALSE(HelperCLISymlink::isBundleCLITarget("/A/MyTarnly.app/Contents/Helpers/tarnly"));
+  EXPECT_FALSE(HelperCLISymlink::isBundleCLITarget("Tarnly.app/Contents/Helpers/tarnly"));
+  EXPECT_FALSE(HelperCLISymlink::isBundleCompletionTarget(
+      "/A/Tarnly.app/Contents/Resources/completions/tqz.fish"))
       << "tqz.fish is a link name, not a source file";
 }
 
