@@ -126,13 +126,11 @@ class EnforceTest : public ::testing::Test {
   std::atomic<long long> seconds{0};  // the clock steps one second per reading
   HelperEnvironment env;
   PfSimulator pf;
-  // The machine's own addresses: en0 on 192.168.1.0/24 (which refuses overlapping networks) and
+  // The machine's own addresses: en0 on 192.168.1.0/24 (networks overlapping it are refused) and
   // bridge100 holding the gateway of 192.168.64.0/24.
-  std::vector<NetworkFirewall::HostAddress> hostAddresses = {
-      {"lo0", {127, 0, 0, 1}, 8},
-      {"en0", {192, 168, 1, 20}, 24},
-      {"bridge100", {192, 168, 64, 1}, 24},
-  };
+  std::vector<NetworkFirewall::HostAddress> hostAddresses = {{"lo0", {127, 0, 0, 1}, 8},
+                                                             {"en0", {192, 168, 1, 20}, 24},
+                                                             {"bridge100", {192, 168, 64, 1}, 24}};
   std::mutex sleepsLock;
   std::vector<std::chrono::microseconds> sleeps;
   FirewallHost host;
