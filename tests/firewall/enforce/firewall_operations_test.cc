@@ -234,6 +234,7 @@ TEST_F(FirewallOperations, ReapplyAfterAFlushReloadsReportsRefusalsAndLogsFailur
 
 TEST_F(FirewallOperations, ConcurrentAppliesOfEightUsersAllEndInTheStore) {
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([this, i] {
       apply({network(100 + i, "Net " + std::to_string(i),
