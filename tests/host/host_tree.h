@@ -3,7 +3,7 @@
 // HelperEnvironment that points the helper at it.
 //
 // The ownership walk checks every folder up to "/", and /tmp is world-writable, so the tree is
-// made below the test binary's own folder (root-owned and 0755 in the project's builds).
+// made where every folder above it is root-owned and 0755 (see makeRoot).
 #pragma once
 
 #include <sys/stat.h>
@@ -106,10 +106,14 @@ class HostTree {
   FakeUserDirectory& users() { return users_; }
 
  private:
-  // A fresh folder below "<test binary's folder>/host-test-trees", canonical.
+  // A fresh folder, canonical: below /run (root-owned, 0755) when run as root, so the checkout may
+  // live anywhere, even under /tmp; otherwise below the test binary's own folder.
   static std::string makeRoot() {
-    std::string base = parentPath(currentExecutablePath()) + "/host-test-trees";
+    std::string base = ::geteuid() == 0 && std::filesystem::is_directory("/run")
+                           ? "/run/tarnly-host-test-trees"
+                           : parentPath(currentExecutablePath()) + "/host-test-trees";
     std::filesystem::create_directories(base);
+    std::filesystem::permissions(base, std::filesystem::perms(0755));
     std::string pattern = base + "/tree-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) throw FileError("mkdtemp", pattern, errno);
     return std::filesystem::canonical(pattern).string();
