@@ -63,7 +63,8 @@ struct Machine {
         log(paths.logFile, paths.rotatedLogFile),
         env{paths, systemNow, log},
         pf(TARNLY_PFSIM_PATH, paths.pfctl, tree.path("pfsim")) {
-    tree.write("proc/boot_id", "0b4e7f6a-1c2d-4e5f-8a9b-0c1d2e3f4a5b\n");
+    createDirectories(parentPath(paths.bootID));
+    writeFileAtomically(paths.bootID, "0b4e7f6a-1c2d-4e5f-8a9b-0c1d2e3f4a5b\n", 0644);
     FirewallHost host{env, [] { return hostAddresses(); }};
     std::vector<FirewallNetworkPolicy> networks = hundredNetworks();
     for (std::ptrdiff_t user = 0; user < 4; ++user) {
@@ -80,18 +81,8 @@ struct Machine {
   }
 
   static HostPaths makePaths(const TempTree& tree) {
-    HostPaths result;
-    result.stateDirectory = tree.path("state");
-    result.logFile = tree.path("log/helper.log");
-    result.rotatedLogFile = tree.path("log/helper.log.1");
-    result.pfctl = tree.path("sbin/pfctl");
-    result.pfConf = tree.path("etc/pf.conf");
-    result.legacyAnchorFile = tree.path("etc/pf.anchors/com.tarnly.firewall");
-    result.bootID = tree.path("proc/boot_id");
-    createDirectories(tree.path("log"));
-    createDirectories(tree.path("sbin"));
     createDirectories(tree.path("pfsim"));
-    return result;
+    return tree.hostPaths();
   }
 
   TempTree tree;

@@ -28,6 +28,20 @@ std::string TempTree::write(const std::string& relative, const std::string& cont
   return full;
 }
 
+HostPaths TempTree::hostPaths() const {
+  HostPaths paths;
+  for (std::string* path :
+       {&paths.stateDirectory, &paths.logFile, &paths.rotatedLogFile, &paths.pfctl, &paths.ifconfig,
+        &paths.pgrep, &paths.pfConf, &paths.legacyAnchorFile, &paths.resolverDirectory, &paths.usr,
+        &paths.bootID, &paths.socketPath}) {
+    *path = root_ + *path;
+  }
+  for (const std::string* file : {&paths.logFile, &paths.pfctl, &paths.ifconfig, &paths.pgrep}) {
+    createDirectories(parentPath(*file));
+  }
+  return paths;
+}
+
 std::string TempTree::script(const std::string& relative, const std::string& body) const {
   return write(relative, "#!/bin/sh\n" + body, 0755);
 }

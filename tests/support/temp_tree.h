@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "platform/host_paths.h"
+
 class TempTree {
  public:
   TempTree();
@@ -19,6 +21,10 @@ class TempTree {
   // Writes a file (creating its folders) and sets its mode; returns its absolute path.
   std::string write(const std::string& relative, const std::string& content,
                     mode_t mode = 0644) const;
+  // The helper's fixed paths, each re-rooted below this tree
+  // (".../var/log/tarnly-adminhelper.log"), with the folders of the log and of the programs the
+  // helper runs already made.
+  HostPaths hostPaths() const;
   // Writes an executable shell script; returns its absolute path.
   std::string script(const std::string& relative, const std::string& body) const;
 

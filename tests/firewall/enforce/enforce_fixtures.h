@@ -104,20 +104,15 @@ class EnforceTest : public ::testing::Test {
   std::vector<std::string> anchorLoad() const {
     return {"-a", kAnchor, "-f", state("firewall.pf.conf")};
   }
-  void setBootID(const std::string& id) const { tree.write("proc/boot_id", id + "\n"); }
+  void setBootID(const std::string& id) const {
+    createDirectories(parentPath(paths.bootID));
+    writeFileAtomically(paths.bootID, id + "\n", 0644);
+  }
   void flushAnchor() const { HelperCommand::run(paths.pfctl, {"-a", kAnchor, "-F", "rules"}); }
 
   static HostPaths testPaths(const TempTree& tree) {
-    HostPaths result;
-    result.stateDirectory = tree.path("Library/Application Support/Tarnly");
-    result.logFile = tree.path("var/log/tarnly-adminhelper.log");
-    result.rotatedLogFile = tree.path("var/log/tarnly-adminhelper.log.1");
-    result.pfctl = tree.path("sbin/pfctl");
-    result.pfConf = tree.path("etc/pf.conf");
-    result.legacyAnchorFile = tree.path("etc/pf.anchors/com.tarnly.firewall");
-    result.bootID = tree.path("proc/boot_id");
-    for (const char* folder : {"var/log", "sbin", "pfsim"}) createDirectories(tree.path(folder));
-    return result;
+    createDirectories(tree.path("pfsim"));
+    return tree.hostPaths();
   }
 
   TempTree tree;
