@@ -92,9 +92,9 @@ const Places& places() {
     }
 #if defined(__SANITIZE_ADDRESS__)
     places.noUML =
-        "user-mode Linux cannot run this AddressSanitizer build: ASan's shadow memory needs "
-        "the full 47-bit address space, and the UML kernel (3-level page tables) gives its "
-        "processes 512 GiB; the normal build runs these tests under user-mode Linux";
+        "user-mode Linux cannot run this AddressSanitizer build: ASan's shadow memory lies at "
+        "0x7fff8000-0x10007fff7fff, and the address space of a UML process ends at 512 GiB "
+        "(0x7fc0000000); the normal build runs these tests under user-mode Linux";
 #endif
     return places;
   }();
@@ -129,41 +129,48 @@ class NetlinkVLANInNamespace : public ::testing::Test {
   void runInItsNamespace() {
     const Places& here = places();
     if (!here.noNamespaces.empty()) GTEST_SKIP() << here.noNamespaces;
+    std::vector<std::string> command = {"/usr/bin/unshare", "--net", "--"};
+    std::string noUML = here.noUML;
+    if (!here.noVLANs.empty() && noUML.empty()) {
+      command = {TARNLY_SOURCE_DIR "/tests/uml-run.sh",
+                 "--module",
+                 "8021q",
+                 "--module",
+                 "dummy",
+                 "--module",
+                 "ifb",
+                 "--timeout",
+                 "120",
+                 "--"};
+      HelperCommand::Result run = runThisTest(command);
+      if (run.status != 125) return takeOutcome(run, command, "");
+      noUML = "user-mode Linux cannot stand in: " + run.stderr.substr(0, run.stderr.find('\n'));
+      command = {"/usr/bin/unshare", "--net", "--"};
+    }
+    takeOutcome(runThisTest(command), command, here.noVLANs.empty() ? "" : noUML);
+  }
+
+  // This test alone, run by `command` in this binary with the marker set.
+  HelperCommand::Result runThisTest(const std::vector<std::string>& command) {
     const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string self = currentExecutablePath();
-    ASSERT_FALSE(self.empty());
-    const std::vector<std::string> test = {
-        "/usr/bin/env",
-        "-u",
-        "GTEST_OUTPUT",
-        std::string(kNamespaceMarker) + "=1",
-        self,
-        std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name()};
-    std::string program = "/usr/bin/unshare";
-    std::vector<std::string> arguments = {"--net", "--"};
-    std::string lacking = here.noVLANs;
-    if (!here.noVLANs.empty() && here.noUML.empty()) {
-      program = TARNLY_SOURCE_DIR "/tests/uml-run.sh";
-      arguments = {"--module", "8021q",     "--module", "dummy", "--module",
-                   "ifb",      "--timeout", "120",      "--"};
-    } else if (!here.noUML.empty()) {
-      lacking += "; " + here.noUML;
-    }
-    arguments.insert(arguments.end(), test.begin(), test.end());
-    HelperCommand::Result run = HelperCommand::run(program, arguments);
-    if (run.status == 125 && program != "/usr/bin/unshare") {
-      lacking +=
-          "; user-mode Linux cannot stand in: " + run.stderr.substr(0, run.stderr.find('\n'));
-      arguments.assign({"--net", "--"});
-      arguments.insert(arguments.end(), test.begin(), test.end());
-      run = HelperCommand::run(program = "/usr/bin/unshare", arguments);
-    }
+    std::vector<std::string> arguments(command.begin() + 1, command.end());
+    arguments.insert(
+        arguments.end(),
+        {"/usr/bin/env", "-u", "GTEST_OUTPUT", std::string(kNamespaceMarker) + "=1",
+         currentExecutablePath(),
+         std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name()});
+    return HelperCommand::run(command.front(), arguments);
+  }
+
+  // Skips with the run's reason (and `also`), or fails unless the run passed.
+  void takeOutcome(const HelperCommand::Result& run, const std::vector<std::string>& command,
+                   const std::string& also) {
     std::string output = run.stdout + run.stderr;
     if (std::string::size_type at = output.find(": Skipped\n"); at != std::string::npos) {
       GTEST_SKIP() << output.substr(at + 10, output.find('\n', at + 10) - at - 10)
-                   << (lacking.empty() ? "" : "; " + lacking);
+                   << (also.empty() ? "" : "; " + also);
     }
-    ASSERT_EQ(run.status, 0) << program << " " << join(arguments, " ") << ":\n" << output;
+    ASSERT_EQ(run.status, 0) << join(command, " ") << ":\n" << output;
     ASSERT_NE(output.find("[  PASSED  ] 1 test."), std::string::npos) << output;
   }
 
