@@ -21,6 +21,8 @@ set -euo pipefail
 
 # ---- Inside user-mode Linux: this script is the init process (PID 1). ----
 if [ "$$" -eq 1 ] && [ -n "${TARNLY_UML_JOB:-}" ]; then
+  # Init must not exit (the kernel would panic): every failure ends in power_off.
+  set +e
   export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
   job=/run/uml-job
   power_off() {
@@ -49,7 +51,7 @@ if [ "$$" -eq 1 ] && [ -n "${TARNLY_UML_JOB:-}" ]; then
   mkdir -p /run/uml-modules/lib/modules
   ln -s "/usr/lib/uml/modules/$release" "/run/uml-modules/lib/modules/$release"
   load() {
-    modprobe -d /run/uml-modules "$1" 2>&1 || return 1
+    modprobe -d /run/uml-modules "$1" </dev/null
   }
   # /tmp: this machine's /tmp, read-only, under a writable layer that vanishes with the kernel.
   mkdir -p /run/uml-tmp/upper /run/uml-tmp/work
@@ -61,8 +63,8 @@ if [ "$$" -eq 1 ] && [ -n "${TARNLY_UML_JOB:-}" ]; then
   chmod 1777 /tmp
   while read -r module; do
     [ -n "$module" ] || continue
-    if ! message=$(load "$module"); then
-      fail "the UML kernel $release cannot load the module $module: $message"
+    if ! load "$module" 2>/run/uml-modprobe.err; then
+      fail "the UML kernel $release cannot load the module $module: $(tr '\n' ' ' </run/uml-modprobe.err)"
     fi
   done <"$job/modules"
   status=0
@@ -108,6 +110,7 @@ self=$(readlink -f "$0")
 # keep x87 and SSE registers only, so every process inside is told not to use AVX: glibc through
 # its tunables (given to init on the kernel command line), OpenSSL through its capability mask.
 no_avx=glibc.cpu.hwcaps=-AVX,-AVX2,-AVX512F,-AVX512VL,-AVX512BW,-AVX512DQ,-AVX512CD,-AVX_VNNI,-FMA
+# shellcheck disable=SC2016 # Perl, not shell
 seccomp='
 my @filter = ([0x20,0,0,4], [0x15,0,8,0xc000003e], [0x20,0,0,0], [0x15,0,6,101],
   [0x20,0,0,16], [0x15,1,0,0x4204], [0x15,0,3,0x4205], [0x20,0,0,32], [0x15,0,1,0x202],
@@ -138,7 +141,9 @@ printf '%s\n' "${modules[@]}" >"$job/modules"
 
 
 status=0
-TMPDIR=$job timeout -k 5 "$limit" unshare --pid --fork --kill-child -- \
+# timeout is the first process of the PID namespace: when it ends, on time or not, the kernel
+# kills what is left inside and reaps it before unshare returns.
+TMPDIR=$job unshare --pid --fork --kill-child -- timeout -s KILL "$limit" \
   perl -e "$seccomp" "$uml" "mem=$mem" root=/dev/root rootfstype=hostfs rootflags=/ ro \
   "init=$self" con=null con0=null,fd:1 ssl=null quiet "TARNLY_UML_JOB=$job" "GLIBC_TUNABLES=$no_avx" \
   </dev/null >"$job/console" 2>&1 || status=$?
