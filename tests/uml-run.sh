@@ -5,8 +5,8 @@
 # Usage: tests/uml-run.sh [--module NAME]... [--mem SIZE] [--timeout SECONDS] [--] COMMAND [ARG...]
 #
 # The UML kernel boots with this machine's root file system (hostfs) mounted read-only as its root,
-# mounts fresh /proc, /sys and /dev, a writable /tmp (this machine's /tmp under a throw-away
-# layer) and an empty /run, loads each --module of the UML kernel with its dependencies, and runs
+# mounts fresh /proc, /sys, /dev and /dev/shm, writable /tmp and /run (this machine's under a
+# throw-away layer), loads each --module of the UML kernel with its dependencies, and runs
 # COMMAND in the caller's working folder with the caller's environment (TMPDIR left out), stdin
 # empty. That kernel has a network namespace of its own holding only "lo".
 #
@@ -24,19 +24,21 @@ if [ "$$" -eq 1 ] && [ -n "${TARNLY_UML_JOB:-}" ]; then
   # Init must not exit (the kernel would panic): every failure ends in power_off.
   set +e
   export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
-  job=/run/uml-job
-  power_off() {
-    sync
-    umount "$job" 2>/dev/null || true
-    # reboot(2) with LINUX_REBOOT_CMD_POWER_OFF ends the UML kernel at once.
-    perl -e 'syscall(169, 0xfee1dead, 672274793, 0x4321fedc, 0)' 2>/dev/null || true
-    echo o >/proc/sysrq-trigger
-    while :; do sleep 1; done
-  }
   mount -t proc proc /proc
   mount -t sysfs sysfs /sys
   mountpoint -q /dev || mount -t devtmpfs devtmpfs /dev
-  mount -t tmpfs -o mode=0755 tmpfs /run
+  mkdir -p /dev/shm
+  mount -t tmpfs -o mode=1777 tmpfs /dev/shm
+  scratch=/dev/shm/uml-run
+  job=$scratch/job
+  power_off() {
+    sync
+    umount "$job" 2>/dev/null
+    # reboot(2) with LINUX_REBOOT_CMD_POWER_OFF ends the UML kernel at once.
+    perl -e 'syscall(169, 0xfee1dead, 672274793, 0x4321fedc, 0)' 2>/dev/null
+    echo o >/proc/sysrq-trigger
+    while :; do sleep 1; done
+  }
   mkdir -p "$job"
   if ! mount -t hostfs -o "$TARNLY_UML_JOB" hostfs "$job"; then
     echo "uml-run: cannot mount the job folder $TARNLY_UML_JOB" >/dev/console
@@ -48,23 +50,25 @@ if [ "$$" -eq 1 ] && [ -n "${TARNLY_UML_JOB:-}" ]; then
   }
   # modprobe looks for the UML kernel's modules under <dir>/lib/modules/<release>.
   release=$(uname -r)
-  mkdir -p /run/uml-modules/lib/modules
-  ln -s "/usr/lib/uml/modules/$release" "/run/uml-modules/lib/modules/$release"
+  mkdir -p "$scratch/modules/lib/modules"
+  ln -s "/usr/lib/uml/modules/$release" "$scratch/modules/lib/modules/$release"
   load() {
-    modprobe -d /run/uml-modules "$1" </dev/null
+    modprobe -d "$scratch/modules" "$1" </dev/null
   }
-  # /tmp: this machine's /tmp, read-only, under a writable layer that vanishes with the kernel.
-  mkdir -p /run/uml-tmp/upper /run/uml-tmp/work
-  if ! { load overlay >/dev/null &&
-    mount -t overlay -o lowerdir=/tmp,upperdir=/run/uml-tmp/upper,workdir=/run/uml-tmp/work \
-      overlay /tmp; } 2>/dev/null; then
-    mount -t tmpfs -o mode=1777 tmpfs /tmp
-  fi
+  # /tmp and /run: this machine's, read-only, under a writable layer that vanishes with the
+  # kernel; empty ones where overlays are missing.
+  load overlay 2>/dev/null
+  for dir in /tmp /run; do
+    mkdir -p "$scratch/layers$dir/upper" "$scratch/layers$dir/work"
+    mount -t overlay -o "lowerdir=$dir,upperdir=$scratch/layers$dir/upper" \
+      -o "workdir=$scratch/layers$dir/work" overlay "$dir" 2>/dev/null ||
+      mount -t tmpfs tmpfs "$dir"
+  done
   chmod 1777 /tmp
   while read -r module; do
     [ -n "$module" ] || continue
-    if ! load "$module" 2>/run/uml-modprobe.err; then
-      fail "the UML kernel $release cannot load the module $module: $(tr '\n' ' ' </run/uml-modprobe.err)"
+    if ! load "$module" 2>"$scratch/modprobe.err"; then
+      fail "the UML kernel $release cannot load the module $module: $(tr '\n' ' ' <"$scratch/modprobe.err")"
     fi
   done <"$job/modules"
   status=0
