@@ -24,6 +24,8 @@
 namespace {
 
 constexpr const char* kNamespaceMarker = "TARNLY_VLAN_TEST_NETNS";
+// Runs a command inside user-mode Linux.
+constexpr const char* kUMLRun = TARNLY_SOURCE_DIR "/tests/uml-run.sh";
 
 HelperCommand::Result ip(const std::vector<std::string>& arguments) {
   return HelperCommand::run(pathExists("/usr/sbin/ip") ? "/usr/sbin/ip" : "/sbin/ip", arguments);
@@ -76,27 +78,27 @@ HelperCommand::Result inFreshNamespace(const std::string& program) {
 
 const Places& places() {
   static const Places found = [] {
-    Places places;
+    Places offered;
     HelperCommand::Result namespaces = inFreshNamespace("true");
     if (namespaces.status != 0) {
-      places.noNamespaces =
+      offered.noNamespaces =
           "network namespaces are unavailable here: " + namespaces.combinedOutput();
-      return places;
+      return offered;
     }
     HelperCommand::Result vlan = inFreshNamespace(
         "PATH=/usr/sbin:/sbin:$PATH; { ip link add p type dummy || ip link add p type ifb; } "
         "2>/dev/null && ip link add link p name v type vlan id 1");
     if (vlan.status != 0) {
-      places.noVLANs =
+      offered.noVLANs =
           "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q): " + vlan.combinedOutput();
     }
 #if defined(__SANITIZE_ADDRESS__)
-    places.noUML =
+    offered.noUML =
         "user-mode Linux cannot run this AddressSanitizer build: ASan's shadow memory lies at "
         "0x7fff8000-0x10007fff7fff, and the address space of a UML process ends at 512 GiB "
         "(0x7fc0000000); the normal build runs these tests under user-mode Linux";
 #endif
-    return places;
+    return offered;
   }();
   return found;
 }
@@ -132,16 +134,8 @@ class NetlinkVLANInNamespace : public ::testing::Test {
     std::vector<std::string> command = {"/usr/bin/unshare", "--net", "--"};
     std::string noUML = here.noUML;
     if (!here.noVLANs.empty() && noUML.empty()) {
-      command = {TARNLY_SOURCE_DIR "/tests/uml-run.sh",
-                 "--module",
-                 "8021q",
-                 "--module",
-                 "dummy",
-                 "--module",
-                 "ifb",
-                 "--timeout",
-                 "120",
-                 "--"};
+      command = {kUMLRun,    "--module", "8021q",     "--module", "dummy",
+                 "--module", "ifb",      "--timeout", "120",      "--"};
       HelperCommand::Result run = runThisTest(command);
       if (run.status != 125) return takeOutcome(run, command, "");
       noUML = "user-mode Linux cannot stand in: " + run.stderr.substr(0, run.stderr.find('\n'));
@@ -188,6 +182,7 @@ class NetlinkVLANInNamespace : public ::testing::Test {
 #define IN_ITS_OWN_NAMESPACE() \
   if (!inNamespace_) return
 
+// For the tests, or their parts, that need kernel VLAN links.
 #define SKIP_WITHOUT_VLANS() \
   if (!vlanSupported_)       \
   GTEST_SKIP() << "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q): " << vlanRefusal_
