@@ -16,7 +16,8 @@
 # run takes longer than --timeout (default 300 s); the reason, then the console's last lines, go to
 # stderr after "uml-run: ". Nothing keeps running afterwards: the UML kernel and its helper
 # processes live in a PID namespace of their own that ends with it, and the temporary folder is
-# removed.
+# removed. Processes inside run without AVX (see below); the UML kernel gives each of them an
+# address space of 512 GiB, too small for AddressSanitizer's shadow memory.
 set -euo pipefail
 
 # ---- Inside user-mode Linux: this script is the init process (PID 1). ----
@@ -142,7 +143,6 @@ printf '%s\n' "${modules[@]}" >"$job/modules"
   printf ' %q' "$@"
   printf '\n'
 } >"$job/command"
-
 
 status=0
 # timeout is the first process of the PID namespace: when it ends, on time or not, the kernel
