@@ -65,18 +65,26 @@ start_helper() {
   before=$(started_count)
   $HELPER & HELPER_PID=$!
   tries=0
-  while [ "$(started_count)" -le "$before" ]; do
-    tries=$((tries + 1))
-    if [ $tries -gt 500 ] || ! kill -0 $HELPER_PID 2>/dev/null; then
-      echo "the helper did not start listening" >&2; return 1
-    fi
-    sleep 0.02
-  done
+  while [ "$(started_count)" -le "$before" ];
+do tries = $((tries + 1)) if[$tries - gt 500] || !kill - 0 $HELPER_PID 2 > / dev / null;
+then echo "the helper did not start listening" > &2;
+return 1 fi sleep 0.02 done
 }
-ctl() { $CTL "$@" 2>&1; echo "exit=$?"; }
-as_user() { u=$1 g=$2; shift 2; setpriv --reuid=$u --regid=$g --clear-groups "$@"; }
-log_lines() { cut -d' ' -f2- $LOG; }
-fake_calls() { cat /var/lib/fakes/$1.calls 2>/dev/null; }
+ctl() {
+  $CTL "$@" 2 > &1;
+  echo "exit=$?";
+}
+as_user() {
+  u = $1 g = $2;
+  shift 2;
+  setpriv-- reuid = $u-- regid = $g-- clear - groups "$@";
+}
+log_lines() {
+  cut - d ' ' - f2 - $LOG;
+}
+fake_calls() {
+  cat / var / lib / fakes / $1.calls 2 > / dev / null;
+}
 )";
 
 }  // namespace
@@ -98,9 +106,9 @@ HelperCommand::Result run(const std::string& script) {
 #else
   const char* client = "";
 #endif
-  return HelperCommand::run("/usr/bin/unshare",
-                            {"--mount", "--net", "--propagation", "private", "/bin/sh", outer, inner,
-                             TARNLY_PFSIM_PATH, TARNLY_HELPER_PATH, client});
+  return HelperCommand::run(
+      "/usr/bin/unshare", {"--mount", "--net", "--propagation", "private", "/bin/sh", outer, inner,
+                           TARNLY_PFSIM_PATH, TARNLY_HELPER_PATH, client});
 }
 
 }  // namespace IsolatedRoot
