@@ -9,7 +9,7 @@ namespace IsolatedRoot {
 namespace {
 
 // Builds the root and runs the inner script in it; its own status is the inner script's.
-constexpr const char* kOuterScript = R"(set -eu
+constexpr const char* kOuterScript = R"sh(set -eu
 inner=$1 simulator=$2 helper=$3 client=$4
 top=$(mktemp -d /tmp/tarnly-root-XXXXXX)
 mount -t tmpfs tmpfs "$top"
@@ -51,10 +51,10 @@ umount -l "$root" 2>/dev/null
 umount -l "$top" 2>/dev/null
 rmdir "$top"
 exit $status
-)";
+)sh";
 
 // Shell functions every scenario can use (see the header).
-constexpr const char* kPrelude = R"(set -u
+constexpr const char* kPrelude = R"sh(set -u
 HELPER=/Applications/Tarnly.app/Contents/Helpers/TarnlyAdminHelper
 CTL=/Applications/Tarnly.app/Contents/MacOS/Tarnly
 LOG=/var/log/tarnly-adminhelper.log
@@ -65,27 +65,20 @@ start_helper() {
   before=$(started_count)
   $HELPER & HELPER_PID=$!
   tries=0
-  while [ "$(started_count)" -le "$before" ];
-do tries = $((tries + 1)) if[$tries - gt 500] || !kill - 0 $HELPER_PID 2 > / dev / null;
-then echo "the helper did not start listening" > &2;
-return 1 fi sleep 0.02 done
+  while [ "$(started_count)" -le "$before" ]; do
+    tries=$((tries + 1))
+    if [ $tries -gt 500 ] || ! kill -0 $HELPER_PID 2>/dev/null; then
+      echo "the helper did not start listening" >&2; exit 1
+    fi
+    sleep 0.02
+  done
 }
-ctl() {
-  $CTL "$@" 2 > &1;
-  echo "exit=$?";
-}
-as_user() {
-  u = $1 g = $2;
-  shift 2;
-  setpriv-- reuid = $u-- regid = $g-- clear - groups "$@";
-}
-log_lines() {
-  cut - d ' ' - f2 - $LOG;
-}
-fake_calls() {
-  cat / var / lib / fakes / $1.calls 2 > / dev / null;
-}
-)";
+ctl() { $CTL "$@" 2>&1; echo "exit=$?"; }
+as_user() { u=$1 g=$2; shift 2; setpriv --reuid=$u --regid=$g --init-groups "$@"; }
+ctl_as() { u=$1 g=$2; shift 2; as_user $u $g $CTL "$@" 2>&1; echo "exit=$?"; }
+log_lines() { cut -d' ' -f2- $LOG; }
+fake_calls() { cat /var/lib/fakes/$1.calls 2>/dev/null; }
+)sh";
 
 }  // namespace
 

@@ -21,7 +21,8 @@ std::string unavailableReason();
 //   start_helper                 starts the helper in service mode in the background ($HELPER_PID)
 //                                and waits, with a bound, for its new start line in the log
 //   ctl ARGS...                  runs the bundle's client; prints its output, then "exit=<status>"
-//   as_user UID GID CMD...       runs CMD under that uid and gid with no supplementary groups
+//   as_user UID GID CMD...       runs CMD under that uid and gid with the user's own groups
+//   ctl_as UID GID ARGS...       ctl, run under that uid and gid
 //   log_lines                    the log without time stamps
 //   fake_calls NAME              the recorded argument lines of the fake ifconfig or pgrep
 // /var/lib/fakes/ifconfig-a.txt is what `ifconfig -a` prints (no vmnet interfaces at first);
