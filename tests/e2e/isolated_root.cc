@@ -60,7 +60,10 @@ CTL=/Applications/Tarnly.app/Contents/MacOS/Tarnly
 LOG=/var/log/tarnly-adminhelper.log
 HELPER_PID=
 trap '[ -n "$HELPER_PID" ] && kill -9 $HELPER_PID 2>/dev/null' EXIT
-started_count() { grep -c 'listening on com.orbelle.tarnly.adminhelper\.$' $LOG 2>/dev/null || true; }
+started_count() {
+  count=$(grep -c 'listening on com.orbelle.tarnly.adminhelper\.$' $LOG 2>/dev/null)
+  echo "${count:-0}"
+}
 start_helper() {
   before=$(started_count)
   $HELPER & HELPER_PID=$!
