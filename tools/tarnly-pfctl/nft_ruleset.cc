@@ -78,15 +78,30 @@ bool fitsOneRule(const PfRule& rule, size_t index) {
   return comment(index, rule).size() <= maximumCommentLength;
 }
 
-std::string addressMatch(const char* field, const std::vector<PfAddress>& addresses) {
+// The set holding a rule's address list: named, because binding anonymous sets costs the kernel a
+// walk of the whole transaction each, which makes large loads quadratic.
+std::string listSetName(size_t index, const char* field) {
+  return "list" + std::to_string(index) + "_" + field;
+}
+
+bool needsSet(const std::vector<PfAddress>& addresses) {
+  return addresses.size() > 1 && !std::any_of(addresses.begin(), addresses.end(), isAny);
+}
+
+std::string addressMatch(const char* field, const std::vector<PfAddress>& addresses, size_t index) {
   if (std::any_of(addresses.begin(), addresses.end(), isAny)) return "";
   std::string text = std::string(" ip ") + field + " ";
   if (addresses.size() == 1) return text + networkText(addresses.front());
-  text += "{";
+  return text + "@" + listSetName(index, field);
+}
+
+std::string listSet(const char* field, const std::vector<PfAddress>& addresses, size_t index) {
+  std::string text = "add set " + tablePrefix + listSetName(index, field) +
+                     " { type ipv4_addr; flags interval; elements = {";
   for (size_t i = 0; i < addresses.size(); ++i) {
     text += (i == 0 ? " " : ", ") + networkText(addresses[i]);
   }
-  return text + " }";
+  return text + " }; }\n";
 }
 
 std::string portMatch(const std::string& protocol, const char* field,
@@ -105,8 +120,8 @@ std::string ruleBody(const PfRule& rule, const std::string& direction, size_t in
     body += (direction == "in" ? " iifname \"" : " oifname \"") + rule.interface + "\"";
   }
   if (!rule.protocol.empty()) body += " meta l4proto " + rule.protocol;
-  body += addressMatch("saddr", rule.from.addresses);
-  body += addressMatch("daddr", rule.to.addresses);
+  body += addressMatch("saddr", rule.from.addresses, index);
+  body += addressMatch("daddr", rule.to.addresses, index);
   body += portMatch(rule.protocol, "sport", rule.from.port);
   body += portMatch(rule.protocol, "dport", rule.to.port);
   // pf passes tcp with `flags S/SA`: only a connection's first packet creates its state.
@@ -235,6 +250,14 @@ std::optional<std::string> nftLoadScript(const std::vector<PfRule>& rules, bool 
 
   std::string chains =
       "add chain " + tablePrefix + "anchor_in\nadd chain " + tablePrefix + "anchor_out\n";
+  for (const Numbered& rule : numbered) {
+    if (needsSet(rule.rule->from.addresses)) {
+      chains += listSet("saddr", rule.rule->from.addresses, rule.index);
+    }
+    if (needsSet(rule.rule->to.addresses)) {
+      chains += listSet("daddr", rule.rule->to.addresses, rule.index);
+    }
+  }
   std::string body;
   buildDirection(numbered, "in", chains, body);
   buildDirection(numbered, "out", chains, body);
@@ -264,7 +287,8 @@ NftTableState nftTableStateFromJson(const std::string& json) {
     if (item.contains("table") && item["table"].value("name", "") == nftTableName) {
       state.exists = true;
     }
-    if (item.contains("chain")) {
+    if (item.contains("chain") && item["chain"].value("table", "") == nftTableName) {
+      state.exists = true;
       const nlohmann::json& chain = item["chain"];
       std::string hook = chain.value("hook", "");
       std::string name = chain.value("name", "");
@@ -273,7 +297,7 @@ NftTableState nftTableStateFromJson(const std::string& json) {
         baseChains.insert(name);
       }
     }
-    if (!item.contains("rule")) continue;
+    if (!item.contains("rule") || item["rule"].value("table", "") != nftTableName) continue;
     const nlohmann::json& rule = item["rule"];
     std::string text = rule.value("comment", "");
     size_t space = text.find(' ');

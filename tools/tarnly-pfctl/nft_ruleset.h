@@ -35,6 +35,7 @@ std::optional<std::string> nftLoadScript(const std::vector<PfRule>& rules, bool 
 // table and empty anchor chains when missing.
 std::string nftEnableScript(const NftTableState& current);
 
-// Reads the JSON listing of the table (`nft -j list table inet ...`); a listing that does not
-// hold the table gives a state that does not exist.
+// Reads a JSON listing (`nft -j list table inet ...` or `nft -j list chains inet`) for the table;
+// a listing that does not hold the table gives a state that does not exist. Rules come only with
+// the table's listing.
 NftTableState nftTableStateFromJson(const std::string& json);

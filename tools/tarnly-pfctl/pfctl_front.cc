@@ -30,12 +30,14 @@ struct Unavailable {
   std::string message;
 };
 
-NftTableState readTable(NftSession& nft) {
-  NftSession::Result tables = nft.run("list tables inet", true);
-  if (!tables.ok) {
-    throw Unavailable{"pfctl: nf_tables is not available in this kernel: " + tables.error};
+// The table's chains (whether it exists and pf is on), and its rules when `withRules`.
+NftTableState readTable(NftSession& nft, bool withRules = false) {
+  NftSession::Result chains = nft.run("list chains inet", true);
+  if (!chains.ok) {
+    throw Unavailable{"pfctl: nf_tables is not available in this kernel: " + chains.error};
   }
-  if (!nftTableStateFromJson(tables.output).exists) return {};
+  NftTableState state = nftTableStateFromJson(chains.output);
+  if (!withRules || !state.exists) return state;
   NftSession::Result table = nft.run("list table inet " + std::string(nftTableName), true);
   if (!table.ok) {
     // Deleted between the two readings: nothing is there.
@@ -67,7 +69,7 @@ PfctlAnswer mainRules(NftSession& nft) {
 PfctlAnswer anchorListing(NftSession& nft, const std::string& anchor, bool verbose) {
   if (anchor != carriedAnchor) return PfctlAnswer{};
   std::string listing;
-  for (const NftLoadedRule& loaded : readTable(nft).rules) {
+  for (const NftLoadedRule& loaded : readTable(nft, true).rules) {
     listing += pfRuleListing(loaded.rule, verbose ? &loaded.counters : nullptr);
   }
   return PfctlAnswer{0, listing, ""};
