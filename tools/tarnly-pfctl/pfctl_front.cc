@@ -1,5 +1,7 @@
 #include "pfctl_front.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -25,6 +27,11 @@ PfctlAnswer failure(const std::string& message) {
   return PfctlAnswer{1, "", message + "\n"};
 }
 
+// The first line of a libnftables message (the rest repeats the command).
+std::string firstLine(const std::string& text) {
+  return text.substr(0, text.find('\n'));
+}
+
 // Raised when the kernel cannot be asked at all; its text is the one line printed.
 struct Unavailable {
   std::string message;
@@ -34,7 +41,8 @@ struct Unavailable {
 NftTableState readTable(NftSession& nft, bool withRules = false) {
   NftSession::Result chains = nft.run("list chains inet", true);
   if (!chains.ok) {
-    throw Unavailable{"pfctl: nf_tables is not available in this kernel: " + chains.error};
+    throw Unavailable{"pfctl: nf_tables is not available in this kernel: " +
+                      firstLine(chains.error)};
   }
   NftTableState state = nftTableStateFromJson(chains.output);
   if (!withRules || !state.exists) return state;
@@ -42,7 +50,7 @@ NftTableState readTable(NftSession& nft, bool withRules = false) {
   if (!table.ok) {
     // Deleted between the two readings: nothing is there.
     if (table.error.find("No such file or directory") != std::string::npos) return {};
-    throw Unavailable{"pfctl: cannot read the firewall table: " + table.error};
+    throw Unavailable{"pfctl: cannot read the firewall table: " + firstLine(table.error)};
   }
   return nftTableStateFromJson(table.output);
 }
@@ -82,7 +90,7 @@ PfctlAnswer replaceAnchor(NftSession& nft, const std::vector<PfRule>& rules) {
   auto script = nftLoadScript(rules, table.enabled, error);
   if (!script) return failure("pfctl: " + error + "\npfctl: pf rules not loaded");
   NftSession::Result loaded = nft.run(*script);
-  if (!loaded.ok) return failure("pfctl: DIOCXCOMMIT: " + loaded.error);
+  if (!loaded.ok) return failure("pfctl: DIOCXCOMMIT: " + firstLine(loaded.error));
   return PfctlAnswer{};
 }
 
@@ -122,7 +130,7 @@ PfctlAnswer enable(NftSession& nft) {
              " pf_out\ndelete chain inet " + nftTableName + " pf_out\n" + script;
   }
   NftSession::Result enabled = nft.run(script);
-  if (!enabled.ok) return failure("pfctl: cannot enable pf: " + enabled.error);
+  if (!enabled.ok) return failure("pfctl: cannot enable pf: " + firstLine(enabled.error));
   return PfctlAnswer{0, "", "pf enabled\n"};
 }
 
@@ -144,6 +152,8 @@ PfctlAnswer killStates(const std::string& source, const std::optional<std::strin
 }
 
 PfctlAnswer dispatch(const std::vector<std::string>& a) {
+  // pfctl's own answer to a user who may not open pf.
+  if (::geteuid() != 0) return failure("pfctl: /dev/pf: Permission denied");
   size_t n = a.size();
   if (n == 2 && a[0] == "-k") return killStates(a[1], std::nullopt);
   if (n == 4 && a[0] == "-k" && a[2] == "-k") return killStates(a[1], a[3]);
