@@ -192,10 +192,32 @@ void buildDirection(const std::vector<Numbered>& all, const std::string& directi
     return;
   }
   if (!inet6.empty()) {
-    chains += "add chain " + tablePrefix + "inet6_" + direction + "\n";
-    rules +=
-        "add rule " + tablePrefix + entry + " meta nfproto ipv6 jump inet6_" + direction + "\n";
-    for (const Numbered& numbered : inet6) addRule("inet6_" + direction, numbered);
+    // IPv6 lines name their interface: dispatched by it when all do, else in order.
+    const char* field = direction == "in" ? "iifname" : "oifname";
+    std::vector<std::pair<std::string, std::vector<Numbered>>> interfaces;
+    std::map<std::string, size_t> interfaceIndex;
+    for (const Numbered& numbered : inet6) {
+      auto [position, inserted] =
+          interfaceIndex.try_emplace(numbered.rule->interface, interfaces.size());
+      if (inserted) interfaces.emplace_back(numbered.rule->interface, std::vector<Numbered>{});
+      interfaces[position->second].second.push_back(numbered);
+    }
+    if (interfaceIndex.count("") != 0) {
+      chains += "add chain " + tablePrefix + "inet6_" + direction + "\n";
+      rules +=
+          "add rule " + tablePrefix + entry + " meta nfproto ipv6 jump inet6_" + direction + "\n";
+      for (const Numbered& numbered : inet6) addRule("inet6_" + direction, numbered);
+    } else {
+      std::string map;
+      for (size_t i = 0; i < interfaces.size(); ++i) {
+        std::string chain = "if" + std::to_string(i) + "_" + direction;
+        chains += "add chain " + tablePrefix + chain + "\n";
+        for (const Numbered& numbered : interfaces[i].second) addRule(chain, numbered);
+        map += (i == 0 ? " \"" : ", \"") + interfaces[i].first + "\" : jump " + chain;
+      }
+      rules += "add rule " + tablePrefix + entry + " meta nfproto ipv6 " + field + " vmap {" + map +
+               " }\n";
+    }
   }
   if (networks.empty()) return;
   std::string map;
