@@ -39,13 +39,15 @@ std::string ruleset(int count) {
         i == 0 ? "192.168.64" : "10." + std::to_string(i / 250) + "." + std::to_string(i % 250);
     std::string subnet = prefix + ".0/24";
     std::string gateway = prefix + ".1";
-    text += "# --- net" + std::to_string(i) + " (" + subnet + ") ---\n";
-    text += "block drop quick on bridge" + std::to_string(100 + i) + " inet6 all\n";
-    text += "pass in quick proto udp from " + subnet + " port 68 to { " + gateway +
-            ", 255.255.255.255 } port 67 keep state\n";
-    text += "pass out quick proto udp from " + gateway + " port 67 to " + subnet + " port 68\n";
-    text +=
-        "pass in quick proto udp from " + subnet + " to " + gateway + "/32 port 53 keep state\n";
+    text.append("# --- net").append(std::to_string(i)).append(" (").append(subnet);
+    text.append(") ---\nblock drop quick on bridge").append(std::to_string(100 + i));
+    text.append(" inet6 all\npass in quick proto udp from ").append(subnet);
+    text.append(" port 68 to { ")
+        .append(gateway)
+        .append(", 255.255.255.255 } port 67 keep state\n");
+    text.append("pass out quick proto udp from ").append(gateway).append(" port 67 to ");
+    text.append(subnet).append(" port 68\npass in quick proto udp from ").append(subnet);
+    text.append(" to ").append(gateway).append("/32 port 53 keep state\n");
     for (int r = 0; r < 44; ++r) {
       if (r % 2 == 0) {
         text += "block drop in quick proto tcp from " + subnet + " to 172.16." + std::to_string(r) +
@@ -70,7 +72,7 @@ void AnchorLoad(benchmark::State& state) {
   TempTree tree;
   int networks = static_cast<int>(state.range(0));
   std::string file = tree.write("anchor.conf", ruleset(networks));
-  for (auto _ : state) {
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
     HelperCommand::Result result =
         HelperCommand::run(TARNLY_PFCTL_PATH, {"-a", kAnchor, "-f", file});
     if (result.status != 0) {
@@ -102,7 +104,7 @@ void ConnectionRate(benchmark::State& state) {
   linger reset{1, 0};
   // Sockets belong to the namespace they are made in: the client's are the VM's.
   setns(vmNamespace, CLONE_NEWNET);
-  for (auto _ : state) {
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
     int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ::setsockopt(client, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     if (::connect(client, reinterpret_cast<sockaddr*>(&gateway), sizeof gateway) != 0) {
@@ -174,6 +176,6 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  std::fflush(stdout);
+  (void)std::fflush(stdout);
   ::_exit(0);
 }
