@@ -21,6 +21,7 @@ std::string dotted(uint32_t address) {
          std::to_string((address >> 8) & 255) + "." + std::to_string(address & 255);
 }
 
+// True for `any` and 0.0.0.0/0: every IPv4 address.
 bool isAny(const PfAddress& address) {
   return address.any || address.prefixLength == 0;
 }
@@ -90,7 +91,12 @@ bool needsSet(const std::vector<PfAddress>& addresses) {
 }
 
 std::string addressMatch(const char* field, const std::vector<PfAddress>& addresses, size_t index) {
-  if (std::any_of(addresses.begin(), addresses.end(), isAny)) return "";
+  if (std::any_of(addresses.begin(), addresses.end(),
+                  [](const PfAddress& address) { return address.any; })) {
+    return "";
+  }
+  // 0.0.0.0/0 is every IPv4 address, and IPv4 only.
+  if (std::any_of(addresses.begin(), addresses.end(), isAny)) return " meta nfproto ipv4";
   std::string text = std::string(" ip ") + field + " ";
   if (addresses.size() == 1) return text + networkText(addresses.front());
   return text + "@" + listSetName(index, field);
