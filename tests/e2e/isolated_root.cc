@@ -10,7 +10,7 @@ namespace {
 
 // Builds the root and runs the inner script in it; its own status is the inner script's.
 constexpr const char* kOuterScript = R"sh(set -eu
-inner=$1 simulator=$2 helper=$3 client=$4
+inner=$1 pfctl=$2 helper=$3 client=$4
 top=$(mktemp -d /tmp/tarnly-root-XXXXXX)
 mount -t tmpfs tmpfs "$top"
 mkdir -p "$top/upper" "$top/work" "$top/root"
@@ -26,7 +26,7 @@ install -d -m 0755 "$contents/Helpers" "$contents/MacOS"
 install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper"
 [ -n "$client" ] && install -m 0755 "$client" "$contents/MacOS/Tarnly"
 install -d -m 0755 "$root/sbin" "$root/usr/bin" "$root/var/lib/fakes"
-install -m 0755 "$simulator" "$root/sbin/pfctl"
+install -m 0755 "$pfctl" "$root/sbin/pfctl"
 # Fakes of the macOS tools: each records its arguments, one run a line.
 cat > "$root/sbin/ifconfig" <<'FAKE'
 #!/bin/sh
@@ -96,7 +96,7 @@ std::string unavailableReason() {
   return {};
 }
 
-HelperCommand::Result run(const std::string& script) {
+HelperCommand::Result run(const std::string& script, const std::string& pfctl) {
   TempTree tree;
   std::string outer = tree.write("outer.sh", kOuterScript, 0755);
   std::string inner = tree.write("inner.sh", std::string(kPrelude) + script, 0755);
@@ -107,7 +107,7 @@ HelperCommand::Result run(const std::string& script) {
 #endif
   return HelperCommand::run(
       "/usr/bin/unshare", {"--mount", "--net", "--propagation", "private", "/bin/sh", outer, inner,
-                           TARNLY_PFSIM_PATH, TARNLY_HELPER_PATH, client});
+                           pfctl, TARNLY_HELPER_PATH, client});
 }
 
 }  // namespace IsolatedRoot

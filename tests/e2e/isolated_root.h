@@ -15,8 +15,9 @@ namespace IsolatedRoot {
 // Why isolated roots cannot be made here (not root, no namespaces), or empty when they can.
 std::string unavailableReason();
 
-// Runs `script` with /bin/sh inside a fresh isolated root, after the shell functions below; the
-// build tree stays reachable at its own path. Returns what the script printed and its status.
+// Runs `script` with /bin/sh inside a fresh isolated root, after the shell functions below, with
+// `pfctl` (the simulator unless another program is named) installed at /sbin/pfctl; the build
+// tree stays reachable at its own path. Returns what the script printed and its status.
 //   $HELPER, $CTL, $LOG          the bundle's helper, the bundle's client, the helper's log
 //   start_helper                 starts the helper in service mode in the background ($HELPER_PID)
 //                                and waits, with a bound, for its new start line in the log
@@ -28,6 +29,7 @@ std::string unavailableReason();
 // /var/lib/fakes/ifconfig-a.txt is what `ifconfig -a` prints (no vmnet interfaces at first);
 // pgrep finds processes only while /var/lib/fakes/pgrep.txt exists (then it prints that file).
 // Users alice (501) and bob (502) are administrators (group 80); nobody (65534) is not.
-HelperCommand::Result run(const std::string& script);
+HelperCommand::Result run(const std::string& script,
+                          const std::string& pfctl = TARNLY_PFSIM_PATH);
 
 }  // namespace IsolatedRoot
