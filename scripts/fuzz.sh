@@ -19,10 +19,12 @@ for target in "${targets[@]}"; do
   rm -rf "$work" "build-fuzz/crashes/$target"
   mkdir -p "$work" "build-fuzz/crashes/$target"
   cp -r "fuzz/corpus/$target/." "$work/"
+  # One input running over 10 s counts as a hang.
+  options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=1024 -print_final_stats=1
+    -artifact_prefix="build-fuzz/crashes/$target/")
+  [ -f "fuzz/$target.dict" ] && options+=(-dict="fuzz/$target.dict")
   if ! ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    "build-fuzz/fuzz/fuzz_$target" -max_total_time="$seconds" -rss_limit_mb=1024 \
-    -artifact_prefix="build-fuzz/crashes/$target/" -print_final_stats=1 "$work" \
-    >"build-fuzz/runs/$target.log" 2>&1; then
+    "build-fuzz/fuzz/fuzz_$target" "${options[@]}" "$work" >"build-fuzz/runs/$target.log" 2>&1; then
     status=1
     tail -n 40 "build-fuzz/runs/$target.log"
   fi
