@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-20}
 echo "== libFuzzer build (clang), ${seconds} s per target =="
-targets=(policy_json policy_store pfctl_output pf_grammar ifconfig_listing)
+targets=(policy_json policy_store pfctl_output pf_grammar ifconfig_listing helper_request)
 
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DTARNLY_FUZZ=ON \
   -DTARNLY_BENCHMARKS=OFF >/dev/null
