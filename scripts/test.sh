@@ -20,3 +20,5 @@ scripts/build.sh build-asan address
 echo "== ThreadSanitizer build (concurrent tests) =="
 scripts/build.sh build-tsan thread
 (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$jobs" -R Concurrent)
+
+scripts/fuzz.sh 20
