@@ -26,7 +26,6 @@ void saveStore(const HelperEnvironment& env, const NetworkFirewall::PolicyStore:
   std::string data = NetworkFirewall::PolicyStore::encoded(owners);
   std::string path = env.paths.state(kStoreFile);
   writeFileAtomically(path, data, 0600);
-  setMode(path, 0600);
 }
 
 std::optional<NetworkFirewall::LoadedRuleset> readLoadedRuleset(const HelperEnvironment& env) {
@@ -40,7 +39,6 @@ void recordLoadedRuleset(const HelperEnvironment& env,
   try {
     std::string path = env.paths.state(kLoadedFile);
     writeFileAtomically(path, record.encoded(), 0600);
-    setMode(path, 0600);
   } catch (const std::exception& error) {
     env.log.write(std::string("Could not record what pf was loaded with: ") + error.what());
   }
