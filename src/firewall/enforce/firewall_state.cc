@@ -1,5 +1,6 @@
 #include "firewall/enforce/firewall_state.h"
 
+#include <cstdio>
 #include <exception>
 
 #include "platform/files.h"
@@ -25,6 +26,13 @@ void saveStore(const HelperEnvironment& env, const NetworkFirewall::PolicyStore:
   createDirectories(stateDirectory(env));
   std::string data = NetworkFirewall::PolicyStore::encoded(owners);
   std::string path = env.paths.state(kStoreFile);
+  // An administrator may still want what an undecodable store held; keep the latest one.
+  if (auto current = readFile(path); current && !NetworkFirewall::PolicyStore::decoded(*current)) {
+    std::string kept = env.paths.state(kUnreadableStoreFile);
+    if (::rename(path.c_str(), kept.c_str()) == 0) {
+      env.log.write("Kept the firewall policy that could not be decoded as " + kept + ".");
+    }
+  }
   writeFileAtomically(path, data, 0600);
 }
 
