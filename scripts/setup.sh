@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev libssl-dev libnl-3-dev libnl-route-3-dev libsystemd-dev iproute2 util-linux)
+  nlohmann-json3-dev libssl-dev libnl-3-dev libnl-route-3-dev libsystemd-dev iproute2 util-linux gcovr)
 
 missing=()
 for package in "${packages[@]}"; do
