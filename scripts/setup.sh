@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libssl-dev libnl-3-dev libnl-route-3-dev libsystemd-dev iproute2 util-linux
   user-mode-linux kmod dpkg-dev libnftables-dev libnetfilter-conntrack-dev nftables iputils-ping
-  python3 clang libclang-rt-14-dev)
+  python3 clang libclang-rt-14-dev gcovr)
 
 missing=()
 for package in "${packages[@]}"; do

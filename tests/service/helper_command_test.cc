@@ -3,12 +3,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <thread>
 #include <vector>
 
+#include "platform/files.h"
 #include "platform/text.h"
 #include "support/temp_tree.h"
 
@@ -17,57 +21,41 @@ namespace {
 using HelperCommand::Result;
 using HelperCommand::run;
 
-TEST(HelperCommandRun, PassesArgumentsOneToOneWithoutAShell) {
-  Result result = run("/bin/echo", {"a b", "$HOME", "*", "'q'"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.stdout, "a b $HOME * 'q'\n");
-  EXPECT_EQ(result.stderr, "");
-}
-
-TEST(HelperCommandRun, ReportsExitStatusAndErrorStream) {
+// Exact results of single runs: arguments passed one to one without a shell, both streams and
+// the status, start failures, invalid UTF-8, a signal, and output beyond a pipe buffer.
+TEST(HelperCommandRun, ReportsStatusAndBothStreamsExactly) {
   TempTree tree;
-  std::string tool = tree.script("tool", "echo 'pfctl: Syntax error' >&2\nexit 3\n");
-  Result result = run(tool, {});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(result.stdout, "");
-  EXPECT_EQ(result.stderr, "pfctl: Syntax error\n");
-  EXPECT_EQ(result.combinedOutput(), "pfctl: Syntax error");
-}
-
-TEST(HelperCommandRun, MissingOrNonExecutableProgramGivesMinusOneAndTheReason) {
-  TempTree tree;
-  Result missing = run(tree.path("no-such-tool"), {});
-  EXPECT_EQ(missing.status, -1);
-  EXPECT_EQ(missing.stdout, "");
-  EXPECT_EQ(missing.stderr,
-            "Could not run " + tree.path("no-such-tool") + ": No such file or directory");
-
-  std::string plain = tree.write("plain", "data", 0644);
-  Result notExecutable = run(plain, {});
-  EXPECT_EQ(notExecutable.status, -1);
-  EXPECT_EQ(notExecutable.stderr, "Could not run " + plain + ": Permission denied");
-}
-
-TEST(HelperCommandRun, DrainsBothStreamsBeyondAPipeBuffer) {
-  TempTree tree;
-  // 1 MiB to each stream, interleaved, far beyond the 64 KiB a pipe holds.
-  std::string tool =
-      tree.script("loud",
-                  "i=0\nwhile [ $i -lt 16 ]; do head -c 65536 /dev/zero | tr '\\0' o; "
-                  "head -c 65536 /dev/zero | tr '\\0' e >&2; i=$((i+1)); done\n");
-  Result result = run(tool, {});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.stdout, std::string(1 << 20, 'o'));
-  EXPECT_EQ(result.stderr, std::string(1 << 20, 'e'));
-}
-
-TEST(HelperCommandRun, InvalidUTF8BecomesReplacementCharacters) {
-  TempTree tree;
-  std::string tool = tree.script("bytes", "printf 'ok \\377\\376 done'\nprintf '\\303' >&2\n");
-  Result result = run(tool, {});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.stdout, "ok \uFFFD\uFFFD done");
-  EXPECT_EQ(result.stderr, "\uFFFD");
+  const std::string plain = tree.write("plain", "data", 0644);
+  const std::string missing = tree.path("no-such-tool");
+  struct Case {
+    std::string path;
+    std::vector<std::string> arguments;
+    Result expected;
+  };
+  const std::vector<Case> cases = {
+      {"/bin/echo", {"a b", "$HOME", "*", "'q'"}, {0, "a b $HOME * 'q'\n", ""}},
+      {tree.script("tool", "echo 'pfctl: Syntax error' >&2\nexit 3\n"),
+       {},
+       {3, "", "pfctl: Syntax error\n"}},
+      {missing, {}, {-1, "", "Could not run " + missing + ": No such file or directory"}},
+      {plain, {}, {-1, "", "Could not run " + plain + ": Permission denied"}},
+      {tree.script("bytes", "printf 'ok \\377\\376 done'\nprintf '\\303' >&2\n"),
+       {},
+       {0, "ok \uFFFD\uFFFD done", "\uFFFD"}},
+      {tree.script("killed", "kill -TERM $$\n"), {}, {15, "", ""}},
+      // 1 MiB to each stream, interleaved, far beyond the 64 KiB a pipe holds.
+      {tree.script("loud",
+                   "i=0\nwhile [ $i -lt 16 ]; do head -c 65536 /dev/zero | tr '\\0' o; "
+                   "head -c 65536 /dev/zero | tr '\\0' e >&2; i=$((i+1)); done\n"),
+       {},
+       {0, std::string(1 << 20, 'o'), std::string(1 << 20, 'e')}},
+  };
+  for (const Case& c : cases) {
+    Result result = run(c.path, c.arguments);
+    EXPECT_EQ(result.status, c.expected.status) << c.path;
+    EXPECT_EQ(result.stdout, c.expected.stdout) << c.path;
+    EXPECT_EQ(result.stderr, c.expected.stderr) << c.path;
+  }
 }
 
 // Descriptors open in this process right now.
@@ -89,15 +77,36 @@ TEST(HelperCommandRun, ChildInheritsNoDescriptorOfTheHelperOrOfOtherRuns) {
   int opened = ::open(tree.write("secret", "x").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(opened, 0);
   std::vector<std::string> before = openDescriptors();
-  // Other runs at the same time hold pipes that must not reach this run's child.
+  // Other runs hold their pipes while this run starts: each says it is ready on one FIFO and
+  // then waits for a line on another.
+  std::string ready = tree.path("ready");
+  std::string gate = tree.path("gate");
+  ASSERT_EQ(::mkfifo(ready.c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+  int readyFd = ::open(ready.c_str(), O_RDWR | O_CLOEXEC);
+  int gateFd = ::open(gate.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(readyFd, 0);
+  ASSERT_GE(gateFd, 0);
+  constexpr int kOthers = 4;
   std::vector<std::thread> others;
-  for (int i = 0; i < 4; ++i) others.emplace_back([] { run("/bin/sleep", {"0.2"}); });
-  ::usleep(50000);
+  for (int i = 0; i < kOthers; ++i) {
+    others.emplace_back([&] {
+      run("/bin/sh", {"-c", "printf x > \"$0\"; read line < \"$1\"", ready, gate});
+    });
+  }
+  for (int got = 0; got < kOthers;) {
+    char bytes[kOthers];
+    ssize_t n = ::read(readyFd, bytes, sizeof bytes);
+    ASSERT_GT(n, 0);
+    got += static_cast<int>(n);
+  }
   // The shell lists its own descriptors: what it inherited from the helper.
   Result result = run("/bin/sh", {"-c", "ls /proc/$$/fd"});
+  ASSERT_TRUE(writeAll(gateFd, std::string(kOthers, '\n')));
   for (auto& other : others) other.join();
-  ::close(opened);
+  for (int fd : {opened, readyFd, gateFd}) ::close(fd);
 
+  ASSERT_EQ(result.status, 0);
   for (std::string_view fd : split(result.stdout, '\n', false)) {
     if (fd == "0" || fd == "1" || fd == "2") continue;
     EXPECT_NE(fd, std::to_string(opened));
@@ -107,10 +116,44 @@ TEST(HelperCommandRun, ChildInheritsNoDescriptorOfTheHelperOrOfOtherRuns) {
   }
 }
 
-TEST(HelperCommandRun, SignalledChildReportsTheSignal) {
+// Restores a signal's disposition when it leaves scope.
+class SignalDisposition {
+ public:
+  SignalDisposition(int signal, void (*handler)(int)) : signal_(signal) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    ::sigaction(signal, &action, &saved_);
+  }
+  ~SignalDisposition() { ::sigaction(signal_, &saved_, nullptr); }
+  SignalDisposition(const SignalDisposition&) = delete;
+  SignalDisposition& operator=(const SignalDisposition&) = delete;
+
+ private:
+  int signal_;
+  struct sigaction saved_ {};
+};
+
+TEST(HelperCommandRun, ChildStartsWithDefaultSignalsAndAFailedWaitNeverReadsAsSuccess) {
   TempTree tree;
-  std::string tool = tree.script("killed", "kill -TERM $$\n");
-  EXPECT_EQ(run(tool, {}).status, 15);
+  {
+    // What the helper ignores or blocks is not the child's business.
+    SignalDisposition ignored(SIGINT, SIG_IGN);
+    sigset_t blocked;
+    sigset_t saved;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &saved);
+    int interrupted = run(tree.script("int", "kill -INT $$\nexit 0\n"), {}).status;
+    int terminated = run(tree.script("term", "kill -TERM $$\nexit 0\n"), {}).status;
+    ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    EXPECT_EQ(interrupted, SIGINT);
+    EXPECT_EQ(terminated, SIGTERM);
+  }
+  // With SIGCHLD ignored the kernel reaps the child itself and the wait fails.
+  SignalDisposition reapedByTheKernel(SIGCHLD, SIG_IGN);
+  Result result = run("/bin/true", {});
+  EXPECT_EQ(result.status, -1);
+  EXPECT_EQ(result.stderr, "Could not wait for /bin/true: No child processes");
 }
 
 TEST(HelperCommandRun, ConcurrentRunsKeepTheirOwnOutput) {
