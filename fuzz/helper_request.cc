@@ -136,7 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   const int fd = ::memfd_create("connection", MFD_CLOEXEC);
   FUZZ_CHECK(fd >= 0 && ::write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size()));
-  ::lseek(fd, 0, SEEK_SET);
+  FUZZ_CHECK(::lseek(fd, 0, SEEK_SET) == 0);
   std::size_t offset = 0;
   while (true) {
     WireFrame::ReadResult frame = WireFrame::read(fd);

@@ -122,8 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string anchor = NetworkFirewall::ruleset(review.enforceable, drops, first);
   const PfRulesetParse parsed = parsePfRuleset(anchor);
   if (!parsed.accepted()) {
-    std::fprintf(stderr, "line %d: %s\n%s", parsed.errorLine, parsed.errorMessage.c_str(),
-                 anchor.c_str());
+    (void)std::fprintf(stderr, "line %d: %s\n%s", parsed.errorLine, parsed.errorMessage.c_str(),
+                       anchor.c_str());
   }
   FUZZ_CHECK(parsed.accepted());
   const std::string later =

@@ -24,15 +24,15 @@ int main(int argc, char** argv) {
     for (const auto& file : files) {
       std::ifstream in(file, std::ios::binary);
       if (!in) {
-        std::fprintf(stderr, "cannot read %s\n", file.c_str());
+        (void)std::fprintf(stderr, "cannot read %s\n", file.c_str());
         return 1;
       }
       const std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
-      std::fprintf(stderr, "replaying %s\n", file.c_str());
+      (void)std::fprintf(stderr, "replaying %s\n", file.c_str());
       LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
       ++replayed;
     }
   }
-  std::fprintf(stderr, "%d inputs replayed\n", replayed);
+  (void)std::fprintf(stderr, "%d inputs replayed\n", replayed);
   return replayed > 0 ? 0 : 1;
 }
