@@ -90,7 +90,7 @@ const std::vector<std::string> kHelpersOwn = {
       ::mkfifo(path, 0644);
       ::sched_yield();
       ::unlink(path);
-      if (moved) ::rename(asides[i].c_str(), path);
+      if (moved) static_cast<void>(::rename(asides[i].c_str(), path));
     }
     ++rounds;
   }
@@ -120,7 +120,8 @@ class HostRaceConcurrent : public ::testing::TestWithParam<Layout> {
       struct stat info {};
       if (::lstat(path.c_str(), &info) != 0) continue;
       char item[64];
-      std::snprintf(item, sizeof item, "%o %u:%u ", info.st_mode, info.st_uid, info.st_gid);
+      static_cast<void>(
+          std::snprintf(item, sizeof item, "%o %u:%u ", info.st_mode, info.st_uid, info.st_gid));
       items[relative] =
           item + (S_ISLNK(info.st_mode) ? tree.linkTarget(path) : readFile(path).value_or(""));
     }
@@ -186,8 +187,8 @@ TEST_P(HostRaceConcurrent, NothingOutsideTheHelpersOwnPathsChangesWhileAUserSwap
     return linked;
   });
   if (requests.wait_for(kHangBound) != std::future_status::ready) {
-    std::fprintf(stderr, "A request blocked for %lld s while the user swapped its folders.\n",
-                 static_cast<long long>(kHangBound.count()));
+    // Printed at once; the blocked request can't be unwound, so the run ends here.
+    ADD_FAILURE() << "a request blocked for " << kHangBound.count() << " s";
     ::kill(child, SIGKILL);
     std::_Exit(1);
   }
