@@ -32,20 +32,24 @@ std::optional<std::string> readOwn(const std::string& path) {
   return readFile(path, kReadLimit);
 }
 
-// True when the resolver folder exists; throws when what is there is not a real folder that only
-// administrators can change, since the files would then go where someone else decides.
+// True when the resolver folder exists; throws when what is there, or any folder above it, is not
+// a real folder that only administrators can change: the files are written by path, and whoever
+// can rename or replace a folder on that path decides where they go.
 bool checkFolder(const std::string& folder, const UserDirectory& users) {
-  struct stat info {};
-  if (::lstat(folder.c_str(), &info) != 0) {
-    if (errno == ENOENT) return false;
-    throw FileError("examine", folder, errno);
+  bool exists = true;
+  for (std::string current = folder;; current = parentPath(current)) {
+    struct stat info {};
+    if (::lstat(current.c_str(), &info) != 0) {
+      if (errno != ENOENT) throw FileError("examine", current, errno);
+      // Missing folders are made by the helper, with its own owner and mode.
+      if (current == folder) exists = false;
+    } else if (!S_ISDIR(info.st_mode) || HelperCLISymlink::nonAdministratorCanChange(info, users)) {
+      throw std::runtime_error(folder +
+                               " isn't a folder that only administrators can change, so Tarnly "
+                               "won't write resolver files into it.");
+    }
+    if (current == "/" || current == "." || current.empty()) return exists;
   }
-  if (!S_ISDIR(info.st_mode) || HelperCLISymlink::nonAdministratorCanChange(info, users)) {
-    throw std::runtime_error(folder +
-                             " isn't a folder that only administrators can change, so Tarnly "
-                             "won't write resolver files into it.");
-  }
-  return true;
 }
 
 }  // namespace
