@@ -40,7 +40,10 @@ std::optional<PeerProcess> PeerProcess::ofSocket(int socket) {
 }
 
 PeerProcess::PeerProcess(PeerProcess&& other) noexcept
-    : pid_(other.pid_), uid_(other.uid_), pidfd_(std::exchange(other.pidfd_, -1)) {}
+    : pid_(other.pid_),
+      uid_(other.uid_),
+      pidfd_(std::exchange(other.pidfd_, -1)),
+      vetted_(other.vetted_) {}
 
 PeerProcess& PeerProcess::operator=(PeerProcess&& other) noexcept {
   if (this != &other) {
@@ -48,6 +51,7 @@ PeerProcess& PeerProcess::operator=(PeerProcess&& other) noexcept {
     pid_ = other.pid_;
     uid_ = other.uid_;
     pidfd_ = std::exchange(other.pidfd_, -1);
+    vetted_ = other.vetted_;
   }
   return *this;
 }
@@ -77,4 +81,11 @@ std::optional<ExecutableFile> PeerProcess::executable() const {
   if (!alive()) return std::nullopt;
   return ExecutableFile{info.st_dev, info.st_ino,
                         std::string(buffer.data(), static_cast<std::size_t>(length))};
+}
+
+std::optional<FileIdentity> PeerProcess::executableIdentity() const {
+  std::string link = "/proc/" + std::to_string(pid_) + "/exe";
+  struct stat info {};
+  if (::stat(link.c_str(), &info) != 0 || !alive()) return std::nullopt;
+  return FileIdentity{info.st_dev, info.st_ino};
 }
