@@ -24,6 +24,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -344,8 +345,9 @@ int isolateAndRun(char** argv) {
   ::umask(022);
   createDirectories(root + kContents + "/Helpers");
   createDirectories(root + kContents + "/MacOS");
-  writeFileAtomically(root + kHelper, readFile(TARNLY_HELPER_PATH).value_or(""), 0755);
-  writeFileAtomically(root + kClient, readFile("/proc/self/exe").value_or(""), 0755);
+  writeFileAtomically(root + kHelper, readFile(TARNLY_HELPER_PATH, SIZE_MAX).value_or(""), 0755);
+  writeFileAtomically(root + kClient, readFile(currentExecutablePath(), SIZE_MAX).value_or(""),
+                      0755);
   pid_t child = ::fork();
   if (child == 0) {
     if (::chroot(root.c_str()) != 0 || ::chdir("/") != 0) ::_exit(1);
