@@ -40,10 +40,7 @@ std::optional<PeerProcess> PeerProcess::ofSocket(int socket) {
 }
 
 PeerProcess::PeerProcess(PeerProcess&& other) noexcept
-    : pid_(other.pid_),
-      uid_(other.uid_),
-      pidfd_(std::exchange(other.pidfd_, -1)),
-      vetted_(other.vetted_) {}
+    : pid_(other.pid_), uid_(other.uid_), pidfd_(std::exchange(other.pidfd_, -1)) {}
 
 PeerProcess& PeerProcess::operator=(PeerProcess&& other) noexcept {
   if (this != &other) {
@@ -51,7 +48,6 @@ PeerProcess& PeerProcess::operator=(PeerProcess&& other) noexcept {
     pid_ = other.pid_;
     uid_ = other.uid_;
     pidfd_ = std::exchange(other.pidfd_, -1);
-    vetted_ = other.vetted_;
   }
   return *this;
 }
@@ -81,11 +77,4 @@ std::optional<ExecutableFile> PeerProcess::executable() const {
   if (!alive()) return std::nullopt;
   return ExecutableFile{info.st_dev, info.st_ino,
                         std::string(buffer.data(), static_cast<std::size_t>(length))};
-}
-
-std::optional<FileIdentity> PeerProcess::executableIdentity() const {
-  std::string link = "/proc/" + std::to_string(pid_) + "/exe";
-  struct stat info {};
-  if (::stat(link.c_str(), &info) != 0 || !alive()) return std::nullopt;
-  return FileIdentity{info.st_dev, info.st_ino};
 }

@@ -8,13 +8,6 @@
 #include <optional>
 #include <string>
 
-// A file as the kernel identifies it.
-struct FileIdentity {
-  dev_t device = 0;
-  ino_t inode = 0;
-  bool operator==(const FileIdentity&) const = default;
-};
-
 // The file a process runs, as /proc/<pid>/exe names it.
 struct ExecutableFile {
   dev_t device = 0;
@@ -43,14 +36,6 @@ class PeerProcess {
   // The file the pinned process runs; none when it cannot be read or the process has exited (so
   // a later process with the same pid is never described).
   std::optional<ExecutableFile> executable() const;
-  // The identity of that file alone (one stat); none as above.
-  std::optional<FileIdentity> executableIdentity() const;
-
-  // The executable a full check has found acceptable for this peer, so that later messages of
-  // the same program need not walk its folders again; cleared by nothing (a peer that execs
-  // another program no longer matches it).
-  bool wasVetted(const FileIdentity& file) const { return vetted_ && *vetted_ == file; }
-  void markVetted(const FileIdentity& file) const { vetted_ = file; }
 
  private:
   PeerProcess(pid_t pid, uid_t uid, int pidfd) : pid_(pid), uid_(uid), pidfd_(pidfd) {}
@@ -58,5 +43,4 @@ class PeerProcess {
   pid_t pid_ = 0;
   uid_t uid_ = 0;
   int pidfd_ = -1;
-  mutable std::optional<FileIdentity> vetted_;
 };

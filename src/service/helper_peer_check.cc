@@ -26,28 +26,20 @@ HelperPeerCheck::HelperPeerCheck(const std::string& helperExecutable, const User
 
 bool HelperPeerCheck::accepts(const PeerProcess& peer) const {
   if (bundle_.empty()) return false;
-  std::optional<FileIdentity> running = peer.executableIdentity();
+  std::optional<ExecutableFile> running = peer.executable();
   if (!running) return false;
   bool isClient = false;
   for (std::string_view client : kClients) {
     struct stat info {};
     std::string path = bundle_ + std::string(client);
-    if (::stat(path.c_str(), &info) == 0 && FileIdentity{info.st_dev, info.st_ino} == *running) {
+    if (::stat(path.c_str(), &info) == 0 && info.st_dev == running->device &&
+        info.st_ino == running->inode) {
       isClient = true;
       break;
     }
   }
   if (!isClient) return false;
-  // The folders of a program this peer was already accepted with were walked then; a peer that
-  // runs another file since is walked afresh.
-  if (strict_ && !peer.wasVetted(*running)) {
-    std::optional<ExecutableFile> file = peer.executable();
-    if (!file || FileIdentity{file->device, file->inode} != *running ||
-        firstPathNonAdminCanChange(file->path, users_)) {
-      return false;
-    }
-    peer.markVetted(*running);
-  }
+  if (strict_ && firstPathNonAdminCanChange(running->path, users_)) return false;
   // The identity was read while the process lived; make sure it still does, so a pid taken over
   // since is never let through.
   return peer.alive();
