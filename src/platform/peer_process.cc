@@ -78,3 +78,10 @@ std::optional<ExecutableFile> PeerProcess::executable() const {
   return ExecutableFile{info.st_dev, info.st_ino,
                         std::string(buffer.data(), static_cast<std::size_t>(length))};
 }
+
+std::optional<FileIdentity> PeerProcess::executableIdentity() const {
+  std::string link = "/proc/" + std::to_string(pid_) + "/exe";
+  struct stat info {};
+  if (::stat(link.c_str(), &info) != 0 || !alive()) return std::nullopt;
+  return FileIdentity{info.st_dev, info.st_ino};
+}

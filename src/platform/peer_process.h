@@ -8,6 +8,13 @@
 #include <optional>
 #include <string>
 
+// A file as the kernel identifies it.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
 // The file a process runs, as /proc/<pid>/exe names it.
 struct ExecutableFile {
   dev_t device = 0;
@@ -36,6 +43,8 @@ class PeerProcess {
   // The file the pinned process runs; none when it cannot be read or the process has exited (so
   // a later process with the same pid is never described).
   std::optional<ExecutableFile> executable() const;
+  // The identity of that file alone (one stat); none as above.
+  std::optional<FileIdentity> executableIdentity() const;
 
  private:
   PeerProcess(pid_t pid, uid_t uid, int pidfd) : pid_(pid), uid_(uid), pidfd_(pidfd) {}

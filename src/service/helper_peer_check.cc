@@ -26,21 +26,21 @@ HelperPeerCheck::HelperPeerCheck(const std::string& helperExecutable, const User
 
 bool HelperPeerCheck::accepts(const PeerProcess& peer) const {
   if (bundle_.empty()) return false;
-  std::optional<ExecutableFile> running = peer.executable();
+  std::optional<FileIdentity> running = peer.executableIdentity();
   if (!running) return false;
-  bool isClient = false;
   for (std::string_view client : kClients) {
+    // The bundle's own file, never a link planted in its place; in the strict form the file and
+    // every folder above it pass the ownership rule.
     struct stat info {};
     std::string path = bundle_ + std::string(client);
-    if (::stat(path.c_str(), &info) == 0 && info.st_dev == running->device &&
-        info.st_ino == running->inode) {
-      isClient = true;
-      break;
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        FileIdentity{info.st_dev, info.st_ino} != *running) {
+      continue;
     }
+    if (strict_ && firstPathNonAdminCanChange(path, users_)) return false;
+    // The identity was read while the process lived; make sure it still does, so a pid taken
+    // over since is never let through.
+    return peer.alive();
   }
-  if (!isClient) return false;
-  if (strict_ && firstPathNonAdminCanChange(running->path, users_)) return false;
-  // The identity was read while the process lived; make sure it still does, so a pid taken over
-  // since is never let through.
-  return peer.alive();
+  return false;
 }

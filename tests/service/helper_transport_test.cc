@@ -55,12 +55,15 @@ std::string nextReply(int fd) {
 
 class HelperTransportConcurrentTest : public ::testing::Test {
  protected:
-  // Serves with the app executable of the bundle pointing at `appExecutable`.
+  // Serves with `appExecutable` as the bundle's app executable.
   void serve(const std::string& appExecutable) {
     std::string helper = test.tree.write("Tarnly.app/Contents/Helpers/TarnlyAdminHelper", "");
     std::filesystem::create_directories(test.tree.path("Tarnly.app/Contents/MacOS"));
-    std::filesystem::create_symlink(appExecutable,
-                                    test.tree.path("Tarnly.app/Contents/MacOS/Tarnly"));
+    // The same file, not a link to it: the peer check refuses links in the bundle.
+    std::error_code linkError;
+    std::filesystem::create_hard_link(
+        appExecutable, test.tree.path("Tarnly.app/Contents/MacOS/Tarnly"), linkError);
+    ASSERT_FALSE(linkError) << "cannot link " << appExecutable << ": " << linkError.message();
     peerCheck = std::make_unique<HelperPeerCheck>(helper, users);
     if (::geteuid() != 0) users.addUser(::geteuid(), {20, 80});  // an administrator
     HelperListener::Seams seams;
@@ -111,7 +114,7 @@ class HelperTransportConcurrentTest : public ::testing::Test {
 };
 
 TEST_F(HelperTransportConcurrentTest, BadInputGetsItsFaultOrIsDroppedWhileOthersAreServed) {
-  serve(currentExecutablePath());
+  ASSERT_NO_FATAL_FAILURE(serve(currentExecutablePath()));
   int witness = connectTo(socketPath);
   ASSERT_GE(witness, 0);
   ASSERT_TRUE(WireFrame::write(witness, kVersionRequest));
@@ -168,7 +171,7 @@ TEST_F(HelperTransportConcurrentTest, BadInputGetsItsFaultOrIsDroppedWhileOthers
 }
 
 TEST_F(HelperTransportConcurrentTest, ServesInOrderAndALeavingClientCostsOnlyItsThread) {
-  serve(currentExecutablePath());
+  ASSERT_NO_FATAL_FAILURE(serve(currentExecutablePath()));
   int leaving = connectTo(socketPath);
   int staying = connectTo(socketPath);
   ASSERT_GE(leaving, 0);
@@ -194,7 +197,7 @@ TEST_F(HelperTransportConcurrentTest, ServesInOrderAndALeavingClientCostsOnlyIts
 }
 
 TEST_F(HelperTransportConcurrentTest, AnotherProgramIsDisconnectedWithNothingRun) {
-  serve(std::filesystem::canonical("/bin/sh").string());
+  ASSERT_NO_FATAL_FAILURE(serve(std::filesystem::canonical("/bin/sh").string()));
   int fd = connectTo(socketPath);
   ASSERT_GE(fd, 0);
   ASSERT_TRUE(WireFrame::write(fd, kReportRequest));
