@@ -8,6 +8,7 @@
 
 #include "e2e/isolated_root.h"
 #include "platform/base64.h"
+#include "support/user_mode_linux.h"
 
 namespace {
 
@@ -106,11 +107,6 @@ TEST_F(ServiceEndToEnd, FirewallForTwoAdministratorsAndARefusedOrdinaryUser) {
                 "Removed uid 501's firewall policies; other users' stay in force.\n");
 }
 
-// Runs an isolated root on a user-mode Linux kernel with 802.1Q VLAN links, for kernels without.
-constexpr const char* kUMLRun = TARNLY_SOURCE_DIR "/tests/uml-run.sh";
-const std::vector<std::string> kOnUML = {kUMLRun, "--module",  "8021q", "--module",
-                                         "veth",  "--timeout", "120",   "--"};
-
 // On this kernel; where it has no 802.1Q VLAN links, once more on user-mode Linux's, which has.
 TEST_F(ServiceEndToEnd, VLANsAreMadeListedDeletedAndRefusedThroughTheSocket) {
   const std::string script =
@@ -151,18 +147,13 @@ TEST_F(ServiceEndToEnd, VLANsAreMadeListedDeletedAndRefusedThroughTheSocket) {
               log +
                   "createVLAN failed: Could not save the network configuration.\n"
                   "deleteVLAN failed: No VLAN interface named vlan0.\n");
-    const std::string noVLANs = "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q)";
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << noVLANs
-                 << ", and user-mode Linux cannot run this AddressSanitizer build: ASan's shadow "
-                    "memory lies at 0x7fff8000-0x10007fff7fff, and the address space of a UML "
-                    "process ends at 512 GiB (0x7fc0000000); the normal build runs it there";
-#endif
-    HelperCommand::Result onUML = IsolatedRoot::run(script, TARNLY_PFSIM_PATH, kOnUML);
-    if (onUML.status == 125 && onUML.stderr.starts_with("uml-run: ")) {
-      GTEST_SKIP() << noVLANs << ", and user-mode Linux cannot stand in: "
-                   << onUML.stderr.substr(9, onUML.stderr.find('\n') - 9);
-    }
+    const std::string noVLANs = "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q); ";
+    std::string noUML = UserModeLinux::unavailableReason();
+    if (!noUML.empty()) GTEST_SKIP() << noVLANs << noUML;
+    HelperCommand::Result onUML =
+        IsolatedRoot::run(script, TARNLY_PFSIM_PATH, UserModeLinux::launcher({"8021q", "veth"}));
+    noUML = UserModeLinux::failure(onUML.status, onUML.stderr);
+    if (!noUML.empty()) GTEST_SKIP() << noVLANs << noUML;
     ASSERT_EQ(onUML.status, 0) << onUML.stdout << onUML.stderr;
     out = onUML.stdout;
     ASSERT_EQ(section(out, "802.1Q"), "yes\n") << out;
