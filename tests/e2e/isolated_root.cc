@@ -96,7 +96,8 @@ std::string unavailableReason() {
   return {};
 }
 
-HelperCommand::Result run(const std::string& script, const std::string& pfctl) {
+HelperCommand::Result run(const std::string& script, const std::string& pfctl,
+                          const std::vector<std::string>& launcher) {
   TempTree tree;
   std::string outer = tree.write("outer.sh", kOuterScript, 0755);
   std::string inner = tree.write("inner.sh", std::string(kPrelude) + script, 0755);
@@ -105,9 +106,10 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl) {
 #else
   const char* client = "";
 #endif
-  return HelperCommand::run(
-      "/usr/bin/unshare", {"--mount", "--net", "--propagation", "private", "/bin/sh", outer, inner,
-                           pfctl, TARNLY_HELPER_PATH, client});
+  std::vector<std::string> command = launcher;
+  command.insert(command.end(), {"/usr/bin/unshare", "--mount", "--net", "--propagation", "private",
+                                 "/bin/sh", outer, inner, pfctl, TARNLY_HELPER_PATH, client});
+  return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
 }
 
 }  // namespace IsolatedRoot

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "service/helper_command.h"
 
@@ -29,7 +30,9 @@ std::string unavailableReason();
 // /var/lib/fakes/ifconfig-a.txt is what `ifconfig -a` prints (no vmnet interfaces at first);
 // pgrep finds processes only while /var/lib/fakes/pgrep.txt exists (then it prints that file).
 // Users alice (501) and bob (502) are administrators (group 80); nobody (65534) is not.
-HelperCommand::Result run(const std::string& script,
-                          const std::string& pfctl = TARNLY_PFSIM_PATH);
+// A `launcher` (a program and its arguments, such as tests/uml-run.sh ... --) runs the whole
+// isolated root under it, on another kernel.
+HelperCommand::Result run(const std::string& script, const std::string& pfctl = TARNLY_PFSIM_PATH,
+                          const std::vector<std::string>& launcher = {});
 
 }  // namespace IsolatedRoot

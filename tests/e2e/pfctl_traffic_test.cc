@@ -1,7 +1,7 @@
-// tarnly-pfctl at /sbin/pfctl of an isolated root, driven by the unmodified helper, shown with
-// real TCP, UDP and ICMP. The root's network namespace is the host: bridge100 holds 192.168.64.1/24
-// and fd00:64::1; a "vm" namespace sits on it at 192.168.64.2 and fd00:64::2, and a "lan" namespace
-// is routed through the host at 10.77.0.2.
+// tarnly-pfctl at /sbin/pfctl of an isolated root, driven by the unmodified helper in service mode
+// through the bundle's client, shown with real TCP, UDP and ICMP. The root's network namespace is
+// the host: bridge100 holds 192.168.64.1/24 and fd00:64::1; a "vm" namespace sits on it at
+// 192.168.64.2 and fd00:64::2, and a "lan" namespace is routed through the host at 10.77.0.2.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -38,15 +38,17 @@ except OSError:
     print("blocked" if mode != "hold" else "cut", flush=True)
 )";
 
-// The lab and its shell functions; every wait is bounded by `read -t` or the probe's timeout.
-// `apply_store FILE` is the one step that applies a policy through the helper (its store and
-// --reapply); `kill_states` drops a changed network's states as the helper's apply does, and
-// `remove_all` does what the helper's removal of the last owner does.
+// The lab and its shell functions; every wait is bounded by `read -t`, the probe's timeout or the
+// client's reply. `apply FILE` and `remove` are alice's requests to the helper; /sbin/pfctl
+// records each of its runs in $L/pfctl.log before it runs tarnly-pfctl.
 constexpr const char* kLab = R"sh(
 [ -n "${BASH_VERSION:-}" ] || exec /bin/bash "$0"
 fail() { echo "lab: $*"; exit 3; }
 trap 'kill $(jobs -p) 2>/dev/null' EXIT
-L=/tmp/lab; STORE='/Library/Application Support/Tarnly'; mkdir -p "$STORE"
+L=/tmp/lab
+mv /sbin/pfctl /sbin/pfctl.real
+printf '#!/bin/sh\necho "$*" >> /tmp/lab/pfctl.log\nexec /sbin/pfctl.real "$@"\n' > /sbin/pfctl
+chmod 755 /sbin/pfctl
 ip link add bridge100 type bridge || fail "no bridge"
 ip addr add 192.168.64.1/24 dev bridge100 && ip addr add fd00:64::1/64 dev bridge100 nodad
 ip link set lo up && ip link set bridge100 up && echo 1 > /proc/sys/net/ipv4/ip_forward
@@ -75,12 +77,12 @@ hold() {
   exec 7<> $L/in 8<> $L/out
 }
 say() { echo >&7; read -t 5 line <&8 || line=cut; echo "$1=$line"; }
-apply_store() { cp "$1" "$STORE/firewall-policies.json" && $HELPER --reapply; }
-kill_states() { /sbin/pfctl -k $1 2>/dev/null; /sbin/pfctl -k 0.0.0.0/0 -k $1 2>/dev/null; }
-remove_all() {
-  rm -f "$STORE"/firewall-policies.json "$STORE"/firewall.pf.conf "$STORE"/firewall-loaded.json
-  /sbin/pfctl -a com.apple/900.tarnly.firewall -F rules 2>/dev/null
+asks() {  # asks EXPECTED_REPLY ARGS...
+  want=$1; shift; reply=$(ctl_as 501 80 "$@" | tr '\n' ' ')
+  [ "$reply" = "$want exit=0 " ] || fail "$*: $reply"
 }
+apply() { asks '["Enforcing 1 network: Lab",null]' applyFirewallWithPolicyData:withReply: $1; }
+remove() { asks '[null]' removeFirewallWithReply:; }
 probes() {
   probe $1.out.tcp.default vm tcp 10.77.0.2 7000; probe $1.out.tcp.rule vm tcp 10.77.0.2 7001
   probe $1.out.udp.default vm udp 10.77.0.2 5301; probe $1.out.udp.rule vm udp 10.77.0.2 5300
@@ -90,17 +92,17 @@ probes() {
 }
 serve lan tcp 7000; serve lan tcp 7001; serve lan udp 5300; serve lan udp 5301
 serve vm tcp 8022; serve vm tcp 8023
+start_helper
 )sh";
 
-// One owner (uid 501) with the network Lab on 192.168.64.0/24.
-std::string store(const std::string& outbound, const std::string& rules, bool keepsIPv6) {
-  return R"({"owners": {"501": {"appliedAt": 815000000.5, "policies": [{
-  "networkID": "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B", "name": "Lab",
+// The network Lab on 192.168.64.0/24, as the application sends it.
+std::string policy(const std::string& outbound, const std::string& rules, bool keepsIPv6) {
+  return R"([{"networkID": "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B", "name": "Lab",
   "subnetCIDR": "192.168.64.0/24", "gatewayIPv4": "192.168.64.1", "dnsProxyEnabled": false,
   "keepsIPv6": )" +
          std::string(keepsIPv6 ? "true" : "false") +
          R"(, "policy": {"enabled": true, "defaultInbound": "deny", "defaultOutbound": ")" +
-         outbound + R"(", "rules": [)" + rules + "]}}]}}}";
+         outbound + R"(", "rules": [)" + rules + "]}}]";
 }
 
 std::string rule(int n, const char* direction, const char* action, const char* proto,
@@ -112,16 +114,16 @@ std::string rule(int n, const char* direction, const char* action, const char* p
 }
 
 // Outbound allowed but tcp 7001 and udp 5301 to the LAN; inbound tcp 8022 only; IPv6 dropped.
-const std::string kFirst = store("allow",
-                                 rule(1, "outbound", "deny", "tcp", "10.77.0.0/24", "7001") +
-                                     rule(2, "outbound", "deny", "udp", "10.77.0.0/24", "5301") +
-                                     rule(3, "inbound", "allow", "tcp", "any", "8022"),
-                                 false);
+const std::string kFirst = policy("allow",
+                                  rule(1, "outbound", "deny", "tcp", "10.77.0.0/24", "7001") +
+                                      rule(2, "outbound", "deny", "udp", "10.77.0.0/24", "5301") +
+                                      rule(3, "inbound", "allow", "tcp", "any", "8022"),
+                                  false);
 // Outbound denied but udp 5300 and icmp to the LAN; no inbound rule; IPv6 kept.
-const std::string kSecond = store("deny",
-                                  rule(1, "outbound", "allow", "udp", "10.77.0.0/24", "5300") +
-                                      rule(2, "outbound", "allow", "icmp", "10.77.0.2", ""),
-                                  true);
+const std::string kSecond = policy("deny",
+                                   rule(1, "outbound", "allow", "udp", "10.77.0.0/24", "5300") +
+                                       rule(2, "outbound", "allow", "icmp", "10.77.0.2", ""),
+                                   true);
 
 class PfctlTraffic : public ::testing::Test {
  protected:
@@ -135,9 +137,8 @@ class PfctlTraffic : public ::testing::Test {
 
   // Runs the scenario in a fresh lab; its "name=value" lines.
   static std::map<std::string, std::string> run(const std::string& scenario) {
-    std::string script = std::string("HELPER='") + TARNLY_HELPER_PATH +
-                         "'\nmkdir -p /tmp/lab\ncat > /tmp/lab/probe.py <<'EOF'\n" + kProbe +
-                         "EOF\ncat > /tmp/first.json <<'EOF'\n" + kFirst +
+    std::string script = std::string("mkdir -p /tmp/lab\ncat > /tmp/lab/probe.py <<'EOF'\n") +
+                         kProbe + "EOF\ncat > /tmp/first.json <<'EOF'\n" + kFirst +
                          "\nEOF\ncat > /tmp/second.json <<'EOF'\n" + kSecond + "\nEOF\n" + kLab +
                          scenario;
     HelperCommand::Result result = IsolatedRoot::run(script, TARNLY_PFCTL_PATH);
@@ -153,13 +154,13 @@ class PfctlTraffic : public ::testing::Test {
 };
 
 TEST_F(PfctlTraffic, PoliciesAppliedThroughTheHelperHoldForRealTraffic) {
-  std::map<std::string, std::string> found = run(R"(
-probes before; hold vm 10.77.0.2 7000
-apply_store /tmp/first.json; probes first; say held.first
-apply_store /tmp/second.json; say held.second.kept
-kill_states 192.168.64.0/24; say held.second.killed; probes second
-remove_all; probes removed
-)");
+  std::map<std::string, std::string> found = run(R"sh(
+probes before
+apply /tmp/first.json; probes first; hold vm 10.77.0.2 7000; say held.first
+: > $L/pfctl.log; apply /tmp/second.json; say held.second; probes second
+echo "kills=$(grep -- '^-k' $L/pfctl.log | tr '\n' ';')"
+remove; probes removed
+)sh");
   // The blocked probes of each step; every other one is open.
   const std::map<std::string, std::string> blocked = {
       {"before", ""},
@@ -174,20 +175,18 @@ remove_all; probes removed
       EXPECT_EQ(found[step + "." + probe], shut ? "blocked" : "open") << step << "." << probe;
     }
   }
-  // The connection outlives the apply that denies it (its state is kept) until its states go.
-  EXPECT_EQ(found["held.first"] + found["held.second.kept"] + found["held.second.killed"],
-            "openopencut");
+  // The apply that changes the network drops its states both ways, so the connection it now
+  // denies ends at once.
+  EXPECT_EQ(found["held.first"] + found["held.second"], "opencut");
+  EXPECT_EQ(found["kills"], "-k 192.168.64.0/24;-k 0.0.0.0/0 -k 192.168.64.0/24;");
 }
 
 TEST_F(PfctlTraffic, SecondIdenticalApplyOnlyChecksAndAFlushedTableIsReloaded) {
   std::map<std::string, std::string> found = run(R"sh(
-mv /sbin/pfctl /sbin/pfctl.real
-printf '#!/bin/sh\necho "$*" >> /tmp/lab/pfctl.log\nexec /sbin/pfctl.real "$@"\n' > /sbin/pfctl
-chmod 755 /sbin/pfctl
-apply_store /tmp/first.json; : > $L/pfctl.log; apply_store /tmp/first.json
+apply /tmp/first.json; : > $L/pfctl.log; apply /tmp/first.json
 echo "unchanged=$(tr '\n' ';' < $L/pfctl.log)"
 nft flush table inet tarnly_pf; probe flushed lan tcp 192.168.64.2 8023
-: > $L/pfctl.log; apply_store /tmp/first.json; echo "loads=$(grep -c -- ' -f ' $L/pfctl.log)"
+: > $L/pfctl.log; apply /tmp/first.json; echo "loads=$(grep -c -- ' -f ' $L/pfctl.log)"
 probe reloaded.default lan tcp 192.168.64.2 8023; probe reloaded.rule lan tcp 192.168.64.2 8022
 )sh");
   EXPECT_EQ(found["unchanged"], "-si;-a com.apple/900.tarnly.firewall -sr;");

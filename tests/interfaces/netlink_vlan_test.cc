@@ -19,13 +19,12 @@
 #include "interfaces/helper_vlan.h"
 #include "platform/netlink_vlan_configuration.h"
 #include "service/helper_command.h"
+#include "support/user_mode_linux.h"
 #include "test_environment.h"
 
 namespace {
 
 constexpr const char* kNamespaceMarker = "TARNLY_VLAN_TEST_NETNS";
-// Runs a command inside user-mode Linux.
-constexpr const char* kUMLRun = TARNLY_SOURCE_DIR "/tests/uml-run.sh";
 
 HelperCommand::Result ip(const std::vector<std::string>& arguments) {
   return HelperCommand::run(pathExists("/usr/sbin/ip") ? "/usr/sbin/ip" : "/sbin/ip", arguments);
@@ -92,12 +91,7 @@ const Places& places() {
       offered.noVLANs =
           "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q): " + vlan.combinedOutput();
     }
-#if defined(__SANITIZE_ADDRESS__)
-    offered.noUML =
-        "user-mode Linux cannot run this AddressSanitizer build: ASan's shadow memory lies at "
-        "0x7fff8000-0x10007fff7fff, and the address space of a UML process ends at 512 GiB "
-        "(0x7fc0000000); the normal build runs these tests under user-mode Linux";
-#endif
+    offered.noUML = UserModeLinux::unavailableReason();
     return offered;
   }();
   return found;
@@ -134,11 +128,10 @@ class NetlinkVLANInNamespace : public ::testing::Test {
     std::vector<std::string> command = {"/usr/bin/unshare", "--net", "--"};
     std::string noUML = here.noUML;
     if (!here.noVLANs.empty() && noUML.empty()) {
-      command = {kUMLRun,    "--module", "8021q",     "--module", "dummy",
-                 "--module", "ifb",      "--timeout", "120",      "--"};
+      command = UserModeLinux::launcher({"8021q", "dummy", "ifb"});
       HelperCommand::Result run = runThisTest(command);
-      if (run.status != 125) return takeOutcome(run, command, "");
-      noUML = "user-mode Linux cannot stand in: " + run.stderr.substr(0, run.stderr.find('\n'));
+      noUML = UserModeLinux::failure(run.status, run.stderr);
+      if (noUML.empty()) return takeOutcome(run, command, "");
       command = {"/usr/bin/unshare", "--net", "--"};
     }
     takeOutcome(runThisTest(command), command, here.noVLANs.empty() ? "" : noUML);
