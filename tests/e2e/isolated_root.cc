@@ -11,14 +11,14 @@ namespace {
 // Builds the root and runs the inner script in it; its own status is the inner script's.
 constexpr const char* kOuterScript = R"(set -eu
 inner=$1
-simulator=$2
+pfctl=$2
 top=$(mktemp -d /tmp/tarnly-root-XXXXXX)
 mount -t tmpfs tmpfs "$top"
 mkdir -p "$top/upper" "$top/work" "$top/root"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
 for fs in proc dev sys; do mount --bind "/$fs" "$top/root/$fs"; done
 mkdir -p "$top/root/sbin"
-cp "$simulator" "$top/root/sbin/pfctl"
+cp "$pfctl" "$top/root/sbin/pfctl"
 cp "$inner" "$top/root/inner.sh"
 set +e
 chroot "$top/root" /bin/sh /inner.sh
@@ -39,12 +39,12 @@ std::string unavailableReason() {
   return {};
 }
 
-HelperCommand::Result run(const std::string& script) {
+HelperCommand::Result run(const std::string& script, const std::string& pfctl) {
   TempTree tree;
   std::string outer = tree.write("outer.sh", kOuterScript, 0755);
   std::string inner = tree.write("inner.sh", "set -u\n" + script, 0755);
   return HelperCommand::run("/usr/bin/unshare", {"--mount", "--net", "--propagation", "private",
-                                                 "/bin/sh", outer, inner, TARNLY_PFSIM_PATH});
+                                                 "/bin/sh", outer, inner, pfctl});
 }
 
 }  // namespace IsolatedRoot

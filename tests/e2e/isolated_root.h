@@ -13,8 +13,9 @@ namespace IsolatedRoot {
 // Why isolated roots cannot be made here (not root, no namespaces), or empty when they can.
 std::string unavailableReason();
 
-// Runs `script` with /bin/sh inside a fresh isolated root; the helper binary and the simulator
-// are reachable at their build paths. Returns what the script printed and its status.
-HelperCommand::Result run(const std::string& script);
+// Runs `script` with /bin/sh inside a fresh isolated root, with `pfctl` (the simulator unless
+// another program is named) installed at /sbin/pfctl; the helper binary and the tools are
+// reachable at their build paths. Returns what the script printed and its status.
+HelperCommand::Result run(const std::string& script, const std::string& pfctl = TARNLY_PFSIM_PATH);
 
 }  // namespace IsolatedRoot

@@ -1,5 +1,6 @@
-// The pf rule grammar the simulator accepts: the line shapes the helper writes into its anchor,
-// read as strictly as pfctl reads them, and pf's listing of the loaded rules.
+// The pf rule grammar of the helper's anchor: the line shapes the helper writes, read as strictly
+// as pfctl reads them, and pf's listing of the loaded rules. Shared by the pf simulator and the
+// nftables front end.
 // Pure functions of their arguments; safe from any thread.
 #pragma once
 
@@ -64,6 +65,22 @@ std::optional<PfAddress> parsePfHost(std::string_view word);
 // True when `address` (host byte order) lies in the network, or the network is `any`.
 bool pfNetworkContains(const PfAddress& network, uint32_t address);
 
+// What pf counted for a rule.
+struct PfCounters {
+  uint64_t evaluations = 0;
+  uint64_t packets = 0;
+  uint64_t bytes = 0;
+  uint64_t states = 0;
+};
+
 // The rules as `pfctl -sr` lists them: one line per expanded rule, each followed by a counters
-// line when `verbose` is set.
+// line (all zero) when `verbose` is set.
 std::string pfRulesListing(const std::vector<PfRule>& rules, bool verbose);
+
+// One rule as `pfctl -sr` lists it, each expanded line followed by a line with `counters` when
+// given (`pfctl -v -sr`).
+std::string pfRuleListing(const PfRule& rule, const PfCounters* counters);
+
+// The rule written back as one line of the grammar (lists braced, no comment), which
+// parsePfRuleset reads as the same rule.
+std::string pfRuleText(const PfRule& rule);

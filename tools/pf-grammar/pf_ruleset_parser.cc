@@ -217,6 +217,14 @@ std::string portText(const PfPort& port) {
   return " port = " + std::to_string(port.low);
 }
 
+// The address as the grammar reads it back: `any`, a host without a prefix, or address/prefix.
+std::string writtenAddress(const PfAddress& address) {
+  if (address.any) return "any";
+  std::string text = dottedQuad(address.address);
+  if (address.prefixLength != 32) text += "/" + std::to_string(address.prefixLength);
+  return text;
+}
+
 bool listsAsAny(const PfAddress& address) {
   return addressText(address) == "any";
 }
@@ -279,33 +287,72 @@ PfRulesetParse parsePfRuleset(std::string_view text) {
   return result;
 }
 
-std::string pfRulesListing(const std::vector<PfRule>& rules, bool verbose) {
+std::string pfRuleListing(const PfRule& rule, const PfCounters* counters) {
+  std::string head = rule.pass ? "pass" : "block drop";
+  if (!rule.direction.empty()) head += " " + rule.direction;
+  head += " quick";
+  if (!rule.interface.empty()) head += " on " + rule.interface;
+  if (rule.inet6) head += " inet6";
+  if (!rule.protocol.empty()) head += " proto " + rule.protocol;
+  std::string tail;
+  if (rule.pass && rule.protocol == "tcp") tail += " flags S/SA";
+  if (rule.keepState) tail += " keep state";
   std::string listing;
-  for (const PfRule& rule : rules) {
-    std::string head = rule.pass ? "pass" : "block drop";
-    if (!rule.direction.empty()) head += " " + rule.direction;
-    head += " quick";
-    if (!rule.interface.empty()) head += " on " + rule.interface;
-    if (rule.inet6) head += " inet6";
-    if (!rule.protocol.empty()) head += " proto " + rule.protocol;
-    std::string tail;
-    if (rule.pass && rule.protocol == "tcp") tail += " flags S/SA";
-    if (rule.keepState) tail += " keep state";
-    for (const PfAddress& from : rule.from.addresses) {
-      for (const PfAddress& to : rule.to.addresses) {
-        std::string line = head;
-        if (listsAsAny(from) && listsAsAny(to) && !rule.from.port && !rule.to.port) {
-          line += " all";
-        } else {
-          line += " from " + addressText(from);
-          if (rule.from.port) line += portText(*rule.from.port);
-          line += " to " + addressText(to);
-          if (rule.to.port) line += portText(*rule.to.port);
-        }
-        listing += line + tail + "\n";
-        if (verbose) listing += "  [ Evaluations: 0  Packets: 0  Bytes: 0  States: 0 ]\n";
+  for (const PfAddress& from : rule.from.addresses) {
+    for (const PfAddress& to : rule.to.addresses) {
+      std::string line = head;
+      if (listsAsAny(from) && listsAsAny(to) && !rule.from.port && !rule.to.port) {
+        line += " all";
+      } else {
+        line += " from " + addressText(from);
+        if (rule.from.port) line += portText(*rule.from.port);
+        line += " to " + addressText(to);
+        if (rule.to.port) line += portText(*rule.to.port);
+      }
+      listing += line + tail + "\n";
+      if (counters != nullptr) {
+        listing += "  [ Evaluations: " + std::to_string(counters->evaluations) +
+                   "  Packets: " + std::to_string(counters->packets) +
+                   "  Bytes: " + std::to_string(counters->bytes) +
+                   "  States: " + std::to_string(counters->states) + " ]\n";
       }
     }
   }
   return listing;
+}
+
+std::string pfRulesListing(const std::vector<PfRule>& rules, bool verbose) {
+  PfCounters zero;
+  std::string listing;
+  for (const PfRule& rule : rules) listing += pfRuleListing(rule, verbose ? &zero : nullptr);
+  return listing;
+}
+
+std::string pfRuleText(const PfRule& rule) {
+  auto side = [](const PfEndpoint& endpoint) {
+    std::string text;
+    if (endpoint.addresses.size() == 1) {
+      text = writtenAddress(endpoint.addresses.front());
+    } else {
+      text = "{";
+      for (size_t i = 0; i < endpoint.addresses.size(); ++i) {
+        text += (i == 0 ? " " : ", ") + writtenAddress(endpoint.addresses[i]);
+      }
+      text += " }";
+    }
+    if (endpoint.port) {
+      text += " port " + std::to_string(endpoint.port->low);
+      if (endpoint.port->range) text += ":" + std::to_string(endpoint.port->high);
+    }
+    return text;
+  };
+  std::string line = rule.pass ? "pass" : "block drop";
+  if (!rule.direction.empty()) line += " " + rule.direction;
+  line += " quick";
+  if (!rule.interface.empty()) line += " on " + rule.interface;
+  if (rule.inet6) line += " inet6";
+  if (!rule.protocol.empty()) line += " proto " + rule.protocol;
+  line += " from " + side(rule.from) + " to " + side(rule.to);
+  if (rule.keepState) line += " keep state";
+  return line;
 }
