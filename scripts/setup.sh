@@ -4,7 +4,8 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libssl-dev libnl-3-dev libnl-route-3-dev libsystemd-dev iproute2 util-linux
-  user-mode-linux kmod libnftables-dev libnetfilter-conntrack-dev nftables iputils-ping python3)
+  user-mode-linux kmod libnftables-dev libnetfilter-conntrack-dev nftables iputils-ping python3
+  dpkg-dev)
 
 missing=()
 for package in "${packages[@]}"; do
