@@ -12,7 +12,6 @@
 
 #include "platform/files.h"
 #include "platform/text.h"
-#include "service/helper_authorization.h"
 
 namespace HelperCLISymlink {
 
@@ -106,28 +105,6 @@ std::string cliURL(const HelperEnvironment& env) {
 
 std::string completionsDirectory(const HelperEnvironment& env) {
   return parentPath(parentPath(resolvingLinks(ownExecutablePath(env)))) + "/Resources/completions";
-}
-
-bool nonAdministratorCanChange(const struct stat& info, const UserDirectory& users) {
-  if (info.st_uid != 0 && !HelperAuthorization::isAdministrator(info.st_uid, users)) return true;
-  if ((info.st_mode & S_IWOTH) != 0) return true;
-  return (info.st_mode & S_IWGRP) != 0 && info.st_gid != 0 &&
-         info.st_gid != HelperAuthorization::kAdministratorGroup;
-}
-
-std::optional<std::string> firstPathNonAdminCanChange(const std::string& path,
-                                                      const UserDirectory& users) {
-  std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
-                                                       &std::free);
-  if (!resolved) return path;
-  std::string current = resolved.get();
-  while (true) {
-    struct stat info {};
-    if (::lstat(current.c_str(), &info) != 0) return current;
-    if (nonAdministratorCanChange(info, users)) return current;
-    if (current == "/") return std::nullopt;
-    current = parentPath(current);
-  }
 }
 
 std::optional<DirectoryHandle> openSafeDirectory(const HelperEnvironment& env,

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "host/directory_handle.h"
+#include "platform/ownership.h"
 #include "platform/user_directory.h"
 #include "service/helper_environment.h"
 
@@ -76,15 +77,9 @@ std::string cliURL(const HelperEnvironment& env);
 // The bundle's "Contents/Resources/completions", links of the executable's path resolved.
 std::string completionsDirectory(const HelperEnvironment& env);
 
-// The ownership rule: true when someone who isn't an administrator could change an item with
-// this owner, group and mode.
-bool nonAdministratorCanChange(const struct stat& info, const UserDirectory& users);
-
-// Walks from the canonical form of `path` up to "/" and answers the first path that fails the
-// ownership rule or cannot be examined; none when every step passes. A path that cannot be
-// canonicalised is answered as given.
-std::optional<std::string> firstPathNonAdminCanChange(const std::string& path,
-                                                      const UserDirectory& users);
+// The ownership rule lives with the platform layers; these names keep the link code's callers.
+using ::firstPathNonAdminCanChange;
+using ::nonAdministratorCanChange;
 
 // Opens the folder reached by `components` below the /usr root, one component at a time without
 // following links, creating missing ones with mode 0755 when `create` is set. Every folder below
