@@ -4,7 +4,8 @@
 # and showing the exact replies. The Mac is an isolated root: a private mount, network and PID
 # namespace, an overlay of "/" whose changes live on a tmpfs, and a chroot into it. Nothing
 # outside those namespaces changes, and every process started here ends with them (also on
-# Ctrl-C or failure). Exit status 0 when every step behaved as expected, 1 otherwise.
+# Ctrl-C or failure). Exit status 0 when every step behaved as expected, 1 otherwise, 77 where
+# the demo cannot run (not root, no namespaces).
 # Usage (as root): scripts/demo-root.sh BUILD_DIR
 set -euo pipefail
 
@@ -18,9 +19,14 @@ if [ "${1:-}" != --inside ] && [ "${1:-}" != --session ]; then
       exit 1
     fi
   done
+  # 77: this machine cannot run the demo (ctest counts it as skipped).
   if [ "$(id -u)" -ne 0 ]; then
     echo "demo: the helper runs as root in namespaces of its own; run the demo as root." >&2
-    exit 1
+    exit 77
+  fi
+  if ! reason=$(unshare --mount --net --pid --fork /bin/true 2>&1); then
+    echo "demo: no mount, network and PID namespaces here: $reason" >&2
+    exit 77
   fi
   # The only trace on the host is this empty folder, removed again on the way out.
   top=$(mktemp -d /tmp/tarnly-demo-XXXXXX)
@@ -222,9 +228,11 @@ start_helper() {
   $HELPER > /demo/helper.out 2>&1 &
   HELPER_PID=$!
   # tail -F follows the log as lines arrive; each read waits at most 10 s for the next one.
-  local line started=
-  exec {log_fd}< <(exec tail -n +1 -F -s 0.05 $LOG 2> /dev/null)
-  local tail_pid=$!
+  local line started= tail_pid
+  mkfifo /demo/log.fifo
+  tail -n +1 -F -s 0.05 $LOG > /demo/log.fifo 2> /dev/null &
+  tail_pid=$!
+  exec {log_fd}< /demo/log.fifo
   while read -r -t 10 line <&$log_fd; do
     case $line in *" listening on com.orbelle.tarnly.adminhelper.") started=1; break ;; esac
   done
