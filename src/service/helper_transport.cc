@@ -89,12 +89,16 @@ void HelperTransport::serveConnection(int fd) {
       using Status = WireFrame::ReadResult::Status;
       if (request.status != Status::frame && request.status != Status::oversized) break;
       if (!accepts_(*peer)) break;
-      HelperProtocol::Response response =
-          request.status == Status::oversized
-              ? HelperProtocol::Response{HelperProtocol::faultPayload(
-                                             "The request is larger than 16 MiB."),
-                                         true}
-              : handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
+      HelperProtocol::Response response;
+      try {
+        response = request.status == Status::oversized
+                       ? HelperProtocol::Response{HelperProtocol::faultPayload(
+                                                      "The request is larger than 16 MiB."),
+                                                  true}
+                       : handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
+      } catch (const std::exception&) {
+        break;  // out of memory or the like: this connection ends, the helper goes on
+      }
       if (!WireFrame::write(fd, response.payload) || response.closeAfter) break;
     }
   }
