@@ -17,12 +17,15 @@ mkdir -p "$top/upper" "$top/work" "$top/root"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
 for fs in proc dev sys; do mount --bind "/$fs" "$top/root/$fs"; done
 root=$top/root
+# Fresh /run and /tmp, as after a boot: nothing the host puts there shows through.
+mount -t tmpfs -o mode=0755 tmpfs "$root/run"
+mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
 # The bundle: root-owned folders no one else can write, all the way up.
 contents=$root/Applications/Tarnly.app/Contents
 install -d -m 0755 "$contents/Helpers" "$contents/MacOS"
 install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper"
 [ -n "$client" ] && install -m 0755 "$client" "$contents/MacOS/Tarnly"
-install -d -m 0755 "$root/sbin" "$root/usr/bin" "$root/var/lib/fakes" "$root/run"
+install -d -m 0755 "$root/sbin" "$root/usr/bin" "$root/var/lib/fakes"
 install -m 0755 "$pfctl" "$root/sbin/pfctl"
 # Fakes of the macOS tools: each records its arguments, one run a line.
 cat > "$root/sbin/ifconfig" <<'FAKE'
@@ -60,7 +63,10 @@ CTL=/Applications/Tarnly.app/Contents/MacOS/Tarnly
 LOG=/var/log/tarnly-adminhelper.log
 HELPER_PID=
 trap '[ -n "$HELPER_PID" ] && kill -9 $HELPER_PID 2>/dev/null' EXIT
-started_count() { grep -c 'listening on com.orbelle.tarnly.adminhelper\.$' $LOG 2>/dev/null || true; }
+started_count() {
+  count=$(grep -c 'listening on com.orbelle.tarnly.adminhelper\.$' $LOG 2>/dev/null)
+  echo "${count:-0}"
+}
 start_helper() {
   before=$(started_count)
   $HELPER & HELPER_PID=$!
