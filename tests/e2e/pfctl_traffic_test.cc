@@ -1,67 +1,127 @@
 // tarnly-pfctl at /sbin/pfctl of an isolated root, driven by the unmodified helper, shown with
-// real TCP, UDP and ICMP between network namespaces.
+// real TCP, UDP and ICMP. The root's network namespace is the host: bridge100 holds 192.168.64.1/24
+// and fd00:64::1; a "vm" namespace sits on it at 192.168.64.2 and fd00:64::2, and a "lan" namespace
+// is routed through the host at 10.77.0.2.
 #include <gtest/gtest.h>
 
 #include <map>
 #include <sstream>
 
 #include "e2e/isolated_root.h"
-#include "e2e/traffic_lab.h"
 
 namespace {
 
-// Default outbound allow, inbound deny; rules: outbound tcp 7001 and udp 5301 to the LAN denied,
-// inbound tcp 8022 allowed. IPv6 not kept.
-const std::string kFirstPolicy = TrafficLab::store(
-    R"("defaultInbound": "deny", "defaultOutbound": "allow")",
-    R"([{"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E1", "enabled": true, "direction": "outbound",
-         "action": "deny", "proto": "tcp", "remoteCIDR": "10.77.0.0/24", "ports": "7001"},
-        {"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E2", "enabled": true, "direction": "outbound",
-         "action": "deny", "proto": "udp", "remoteCIDR": "10.77.0.0/24", "ports": "5301"},
-        {"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E3", "enabled": true, "direction": "inbound",
-         "action": "allow", "proto": "tcp", "remoteCIDR": "any", "ports": "8022"}])",
-    false);
+// Echo servers, one-shot probes ("open" when the echo came back within 1.5 s) and one held
+// connection answering a line per line read.
+constexpr const char* kProbe = R"(import socket, sys, threading
+def echo(c):
+    while (data := c.recv(256)): c.sendall(data)
+mode, args = sys.argv[1], sys.argv[2:]
+if mode == "serve":
+    tcp = args[0] == "tcp"
+    s = socket.socket(socket.AF_INET, socket.SOCK_STREAM if tcp else socket.SOCK_DGRAM)
+    s.bind(("0.0.0.0", int(args[1])))
+    if tcp: s.listen(16)
+    print("ready", flush=True)
+    while True:
+        if tcp: threading.Thread(target=echo, args=(s.accept()[0],), daemon=True).start()
+        else: data, peer = s.recvfrom(256); s.sendto(data, peer)
+try:
+    if mode == "udp":
+        s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.connect((args[0], int(args[1])))
+    else:
+        s = socket.create_connection((args[0], int(args[1])), timeout=1.5)
+    s.settimeout(1.5)
+    for _ in [0] if mode != "hold" else sys.stdin:
+        s.send(b"x"); print("open" if s.recv(9) == b"x" else "cut", flush=True)
+except OSError:
+    print("blocked" if mode != "hold" else "cut", flush=True)
+)";
 
-// Default outbound deny; rules allow udp 5300 and icmp to the LAN; no inbound rule. IPv6 kept.
-const std::string kSecondPolicy = TrafficLab::store(
-    R"("defaultInbound": "deny", "defaultOutbound": "deny")",
-    R"([{"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E4", "enabled": true, "direction": "outbound",
-         "action": "allow", "proto": "udp", "remoteCIDR": "10.77.0.0/24", "ports": "5300"},
-        {"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E5", "enabled": true, "direction": "outbound",
-         "action": "allow", "proto": "icmp", "remoteCIDR": "10.77.0.2", "ports": ""}])",
-    true);
-
-// Every probe of the lab, run after each step under the step's name.
-constexpr const char* kProbes = R"(
+// The lab and its shell functions; every wait is bounded by `read -t` or the probe's timeout.
+// `apply_store FILE` is the one step that applies a policy through the helper (its store and
+// --reapply); `kill_states` drops a changed network's states as the helper's apply does, and
+// `remove_all` does what the helper's removal of the last owner does.
+constexpr const char* kLab = R"sh(
+[ -n "${BASH_VERSION:-}" ] || exec /bin/bash "$0"
+fail() { echo "lab: $*"; exit 3; }
+trap 'kill $(jobs -p) 2>/dev/null' EXIT
+L=/tmp/lab; STORE='/Library/Application Support/Tarnly'; mkdir -p "$STORE"
+ip link add bridge100 type bridge || fail "no bridge"
+ip addr add 192.168.64.1/24 dev bridge100 && ip addr add fd00:64::1/64 dev bridge100 nodad
+ip link set lo up && ip link set bridge100 up && echo 1 > /proc/sys/net/ipv4/ip_forward
+ip netns add vm && ip netns add lan || fail "no named namespaces"
+ip link add vmport type veth peer name eth0 netns vm && ip link set vmport master bridge100 up
+ip link add lanport type veth peer name eth0 netns lan
+ip addr add 10.77.0.1/24 dev lanport && ip link set lanport up
+for ns in vm lan; do ip -n $ns link set lo up && ip -n $ns link set eth0 up; done
+ip -n vm addr add 192.168.64.2/24 dev eth0 && ip -n vm addr add fd00:64::2/64 dev eth0 nodad
+ip -n vm route add default via 192.168.64.1
+ip -n lan addr add 10.77.0.2/24 dev eth0 && ip -n lan route add default via 10.77.0.1
+serve() {
+  mkfifo $L/$1.$2.$3; ip netns exec $1 python3 $L/probe.py serve $2 $3 > $L/$1.$2.$3 2>&1 &
+  exec 9<> $L/$1.$2.$3; read -t 5 line <&9 && [ "$line" = ready ] || fail "no server $*"
+  exec 9<&-
+}
+probe() {
+  case $3 in
+    icmp*) v=${3#icmp}; ip netns exec $2 ping -${v:-4} -c 1 -W 1 $4 >/dev/null && r=open || r=blocked ;;
+    *) r=$(ip netns exec $2 python3 $L/probe.py $3 $4 $5) ;;
+  esac
+  echo "$1=$r"
+}
+hold() {
+  mkfifo $L/in $L/out; ip netns exec $1 python3 $L/probe.py hold $2 $3 < $L/in > $L/out 2>&1 &
+  exec 7<> $L/in 8<> $L/out
+}
+say() { echo >&7; read -t 5 line <&8 || line=cut; echo "$1=$line"; }
+apply_store() { cp "$1" "$STORE/firewall-policies.json" && $HELPER --reapply; }
+kill_states() { /sbin/pfctl -k $1 2>/dev/null; /sbin/pfctl -k 0.0.0.0/0 -k $1 2>/dev/null; }
+remove_all() {
+  rm -f "$STORE"/firewall-policies.json "$STORE"/firewall.pf.conf "$STORE"/firewall-loaded.json
+  /sbin/pfctl -a com.apple/900.tarnly.firewall -F rules 2>/dev/null
+}
 probes() {
-  probe $1.out.tcp.default vm tcp 10.77.0.2 7000
-  probe $1.out.tcp.rule vm tcp 10.77.0.2 7001
-  probe $1.out.udp.default vm udp 10.77.0.2 5301
-  probe $1.out.udp.rule vm udp 10.77.0.2 5300
-  probe $1.out.icmp vm icmp 10.77.0.2
-  probe $1.in.tcp.rule lan tcp 192.168.64.2 8022
-  probe $1.in.tcp.default lan tcp 192.168.64.2 8023
+  probe $1.out.tcp.default vm tcp 10.77.0.2 7000; probe $1.out.tcp.rule vm tcp 10.77.0.2 7001
+  probe $1.out.udp.default vm udp 10.77.0.2 5301; probe $1.out.udp.rule vm udp 10.77.0.2 5300
+  probe $1.out.icmp vm icmp 10.77.0.2; probe $1.vm.ipv6 vm icmp6 fd00:64::1
+  probe $1.in.tcp.rule lan tcp 192.168.64.2 8022; probe $1.in.tcp.default lan tcp 192.168.64.2 8023
   probe $1.in.icmp lan icmp 192.168.64.2
-  probe $1.vm.ipv6 vm icmp6 fd00:64::1
 }
 serve lan tcp 7000; serve lan tcp 7001; serve lan udp 5300; serve lan udp 5301
 serve vm tcp 8022; serve vm tcp 8023
-)";
+)sh";
 
-std::map<std::string, std::string> results(const std::string& output) {
-  std::map<std::string, std::string> found;
-  std::istringstream lines(output);
-  std::string line;
-  while (std::getline(lines, line)) {
-    size_t equals = line.find('=');
-    if (equals != std::string::npos) found[line.substr(0, equals)] = line.substr(equals + 1);
-  }
-  return found;
+// One owner (uid 501) with the network Lab on 192.168.64.0/24.
+std::string store(const std::string& outbound, const std::string& rules, bool keepsIPv6) {
+  return R"({"owners": {"501": {"appliedAt": 815000000.5, "policies": [{
+  "networkID": "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B", "name": "Lab",
+  "subnetCIDR": "192.168.64.0/24", "gatewayIPv4": "192.168.64.1", "dnsProxyEnabled": false,
+  "keepsIPv6": )" +
+         std::string(keepsIPv6 ? "true" : "false") +
+         R"(, "policy": {"enabled": true, "defaultInbound": "deny", "defaultOutbound": ")" +
+         outbound + R"(", "rules": [)" + rules + "]}}]}}}";
 }
 
-std::string writeFile(const std::string& name, const std::string& text) {
-  return "cat > " + name + " <<'EOF'\n" + text + "\nEOF\n";
+std::string rule(int n, const char* direction, const char* action, const char* proto,
+                 const char* remote, const char* ports) {
+  return std::string(n > 1 ? ", " : "") + R"({"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E)" +
+         std::to_string(n) + R"(", "enabled": true, "direction": ")" + direction +
+         R"(", "action": ")" + action + R"(", "proto": ")" + proto + R"(", "remoteCIDR": ")" +
+         remote + R"(", "ports": ")" + ports + R"("})";
 }
+
+// Outbound allowed but tcp 7001 and udp 5301 to the LAN; inbound tcp 8022 only; IPv6 dropped.
+const std::string kFirst = store("allow",
+                                 rule(1, "outbound", "deny", "tcp", "10.77.0.0/24", "7001") +
+                                     rule(2, "outbound", "deny", "udp", "10.77.0.0/24", "5301") +
+                                     rule(3, "inbound", "allow", "tcp", "any", "8022"),
+                                 false);
+// Outbound denied but udp 5300 and icmp to the LAN; no inbound rule; IPv6 kept.
+const std::string kSecond = store("deny",
+                                  rule(1, "outbound", "allow", "udp", "10.77.0.0/24", "5300") +
+                                      rule(2, "outbound", "allow", "icmp", "10.77.0.2", ""),
+                                  true);
 
 class PfctlTraffic : public ::testing::Test {
  protected:
@@ -73,84 +133,66 @@ class PfctlTraffic : public ::testing::Test {
     if (probe.status != 0) GTEST_SKIP() << probe.combinedOutput();
   }
 
-  static HelperCommand::Result run(const std::string& scenario) {
-    return IsolatedRoot::run(TrafficLab::prelude() + writeFile("/tmp/first.json", kFirstPolicy) +
-                                 writeFile("/tmp/second.json", kSecondPolicy) + kProbes + scenario,
-                             TARNLY_PFCTL_PATH);
+  // Runs the scenario in a fresh lab; its "name=value" lines.
+  static std::map<std::string, std::string> run(const std::string& scenario) {
+    std::string script = std::string("HELPER='") + TARNLY_HELPER_PATH +
+                         "'\nmkdir -p /tmp/lab\ncat > /tmp/lab/probe.py <<'EOF'\n" + kProbe +
+                         "EOF\ncat > /tmp/first.json <<'EOF'\n" + kFirst +
+                         "\nEOF\ncat > /tmp/second.json <<'EOF'\n" + kSecond + "\nEOF\n" + kLab +
+                         scenario;
+    HelperCommand::Result result = IsolatedRoot::run(script, TARNLY_PFCTL_PATH);
+    EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
+    std::map<std::string, std::string> found;
+    std::istringstream lines(result.stdout);
+    for (std::string line; std::getline(lines, line);) {
+      size_t equals = line.find('=');
+      if (equals != std::string::npos) found[line.substr(0, equals)] = line.substr(equals + 1);
+    }
+    return found;
   }
 };
 
 TEST_F(PfctlTraffic, PoliciesAppliedThroughTheHelperHoldForRealTraffic) {
-  HelperCommand::Result result = run(R"(
-probes before
-hold vm 10.77.0.2 7000
-apply_store /tmp/first.json
-probes first
-say held.first
-apply_store /tmp/second.json
-say held.second.kept
-kill_states 192.168.64.0/24
-say held.second.killed
-unhold
-probes second
-remove_all
-probes removed
+  std::map<std::string, std::string> found = run(R"(
+probes before; hold vm 10.77.0.2 7000
+apply_store /tmp/first.json; probes first; say held.first
+apply_store /tmp/second.json; say held.second.kept
+kill_states 192.168.64.0/24; say held.second.killed; probes second
+remove_all; probes removed
 )");
-  ASSERT_EQ(result.status, 0) << result.stdout << result.stderr;
-  std::map<std::string, std::string> found = results(result.stdout);
-  // Expected outcome per probe: before any policy, under the first, under the second, removed.
-  const std::map<std::string, std::string> expected[4] = {{},
-                                                          {{"out.tcp.rule", "blocked"},
-                                                           {"out.udp.default", "blocked"},
-                                                           {"in.tcp.default", "blocked"},
-                                                           {"in.icmp", "blocked"},
-                                                           {"vm.ipv6", "blocked"}},
-                                                          {{"out.tcp.default", "blocked"},
-                                                           {"out.tcp.rule", "blocked"},
-                                                           {"out.udp.default", "blocked"},
-                                                           {"in.tcp.rule", "blocked"},
-                                                           {"in.tcp.default", "blocked"},
-                                                           {"in.icmp", "blocked"}},
-                                                          {}};
-  const char* steps[4] = {"before", "first", "second", "removed"};
-  for (int step = 0; step < 4; ++step) {
+  // The blocked probes of each step; every other one is open.
+  const std::map<std::string, std::string> blocked = {
+      {"before", ""},
+      {"first", " out.tcp.rule out.udp.default in.tcp.default in.icmp vm.ipv6 "},
+      {"second",
+       " out.tcp.default out.tcp.rule out.udp.default in.tcp.rule in.tcp.default in.icmp "},
+      {"removed", ""}};
+  for (const auto& [step, closed] : blocked) {
     for (const char* probe : {"out.tcp.default", "out.tcp.rule", "out.udp.default", "out.udp.rule",
-                              "out.icmp", "in.tcp.rule", "in.tcp.default", "in.icmp", "vm.ipv6"}) {
-      auto want = expected[step].find(probe);
-      std::string key = std::string(steps[step]) + "." + probe;
-      EXPECT_EQ(found[key], want == expected[step].end() ? "open" : want->second) << key;
+                              "out.icmp", "vm.ipv6", "in.tcp.rule", "in.tcp.default", "in.icmp"}) {
+      bool shut = closed.find(std::string(" ") + probe + " ") != std::string::npos;
+      EXPECT_EQ(found[step + "." + probe], shut ? "blocked" : "open") << step << "." << probe;
     }
   }
   // The connection outlives the apply that denies it (its state is kept) until its states go.
-  EXPECT_EQ(found["held.first"], "open");
-  EXPECT_EQ(found["held.second.kept"], "open");
-  EXPECT_EQ(found["held.second.killed"], "cut") << result.stdout;
+  EXPECT_EQ(found["held.first"] + found["held.second.kept"] + found["held.second.killed"],
+            "openopencut");
 }
 
 TEST_F(PfctlTraffic, SecondIdenticalApplyOnlyChecksAndAFlushedTableIsReloaded) {
-  HelperCommand::Result result = run(R"sh(
+  std::map<std::string, std::string> found = run(R"sh(
 mv /sbin/pfctl /sbin/pfctl.real
 printf '#!/bin/sh\necho "$*" >> /tmp/lab/pfctl.log\nexec /sbin/pfctl.real "$@"\n' > /sbin/pfctl
 chmod 755 /sbin/pfctl
-apply_store /tmp/first.json
-: > $LAB/pfctl.log
-apply_store /tmp/first.json
-echo "unchanged=$(tr '\n' ';' < $LAB/pfctl.log)"
-nft flush table inet tarnly_pf
-probe flushed.in.tcp.default lan tcp 192.168.64.2 8023
-: > $LAB/pfctl.log
-apply_store /tmp/first.json
-echo "reloaded=$(grep -c -- ' -f ' $LAB/pfctl.log)"
-probe reloaded.in.tcp.default lan tcp 192.168.64.2 8023
-probe reloaded.in.tcp.rule lan tcp 192.168.64.2 8022
+apply_store /tmp/first.json; : > $L/pfctl.log; apply_store /tmp/first.json
+echo "unchanged=$(tr '\n' ';' < $L/pfctl.log)"
+nft flush table inet tarnly_pf; probe flushed lan tcp 192.168.64.2 8023
+: > $L/pfctl.log; apply_store /tmp/first.json; echo "loads=$(grep -c -- ' -f ' $L/pfctl.log)"
+probe reloaded.default lan tcp 192.168.64.2 8023; probe reloaded.rule lan tcp 192.168.64.2 8022
 )sh");
-  ASSERT_EQ(result.status, 0) << result.stdout << result.stderr;
-  std::map<std::string, std::string> found = results(result.stdout);
   EXPECT_EQ(found["unchanged"], "-si;-a com.apple/900.tarnly.firewall -sr;");
-  EXPECT_EQ(found["flushed.in.tcp.default"], "open");
-  EXPECT_EQ(found["reloaded"], "1");
-  EXPECT_EQ(found["reloaded.in.tcp.default"], "blocked");
-  EXPECT_EQ(found["reloaded.in.tcp.rule"], "open");
+  EXPECT_EQ(found["flushed"] + found["loads"] + found["reloaded.default"] + found["reloaded.rule"],
+            "open1blockedopen");
 }
 
 }  // namespace

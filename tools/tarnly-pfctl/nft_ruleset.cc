@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -20,6 +21,7 @@ std::string dotted(uint32_t address) {
          std::to_string((address >> 8) & 255) + "." + std::to_string(address & 255);
 }
 
+// True for `any` and 0.0.0.0/0: every IPv4 address.
 bool isAny(const PfAddress& address) {
   return address.any || address.prefixLength == 0;
 }
@@ -89,7 +91,12 @@ bool needsSet(const std::vector<PfAddress>& addresses) {
 }
 
 std::string addressMatch(const char* field, const std::vector<PfAddress>& addresses, size_t index) {
-  if (std::any_of(addresses.begin(), addresses.end(), isAny)) return "";
+  if (std::any_of(addresses.begin(), addresses.end(),
+                  [](const PfAddress& address) { return address.any; })) {
+    return "";
+  }
+  // 0.0.0.0/0 is every IPv4 address, and IPv4 only.
+  if (std::any_of(addresses.begin(), addresses.end(), isAny)) return " meta nfproto ipv4";
   std::string text = std::string(" ip ") + field + " ";
   if (addresses.size() == 1) return text + networkText(addresses.front());
   return text + "@" + listSetName(index, field);
@@ -146,101 +153,121 @@ std::optional<PfAddress> dispatchKey(const PfRule& rule, const std::string& dire
   return key;
 }
 
-// Adds the chains and rules of one direction to `chains` and `rules`.
-void buildDirection(const std::vector<Numbered>& all, const std::string& direction,
-                    std::string& chains, std::string& rules) {
-  std::vector<Numbered> mine;
-  for (const Numbered& numbered : all) {
-    if (numbered.rule->direction.empty() || numbered.rule->direction == direction) {
-      mine.push_back(numbered);
-    }
-  }
-  const std::string entry = "anchor_" + direction;
-  auto addRule = [&](const std::string& chain, const Numbered& numbered) {
-    rules += "add rule " + tablePrefix + chain +
-             ruleBody(*numbered.rule, direction, numbered.index) + "\n";
-  };
+// Rules sharing a dispatch key (a subnet or an interface name as nft writes it), in order.
+struct Group {
+  std::string key;
+  std::vector<Numbered> rules;
+};
 
-  // Networks in order of first appearance, each with its rules in order; IPv6 rules apart.
-  std::vector<Numbered> inet6;
-  std::vector<std::pair<PfAddress, std::vector<Numbered>>> networks;
-  std::map<std::pair<uint32_t, int>, size_t> networkIndex;
-  bool dispatchable = true;
-  for (const Numbered& numbered : mine) {
-    if (numbered.rule->inet6) {
-      inet6.push_back(numbered);
-      continue;
-    }
-    auto key = dispatchKey(*numbered.rule, direction);
-    if (!key) {
-      dispatchable = false;
-      break;
-    }
-    auto [position, inserted] =
-        networkIndex.try_emplace({key->address, key->prefixLength}, networks.size());
-    if (inserted) networks.emplace_back(*key, std::vector<Numbered>{});
-    networks[position->second].second.push_back(numbered);
+// The rules grouped by `key`, groups in order of first appearance.
+template <typename Key>
+std::vector<Group> groupedBy(const std::vector<Numbered>& rules, Key key) {
+  std::vector<Group> groups;
+  std::map<std::string, size_t> index;
+  for (const Numbered& numbered : rules) {
+    std::string value = key(*numbered.rule);
+    auto [position, inserted] = index.try_emplace(value, groups.size());
+    if (inserted) groups.push_back(Group{value, {}});
+    groups[position->second].rules.push_back(numbered);
   }
-  if (dispatchable) {
-    std::vector<PfAddress> keys;
-    for (const auto& network : networks) keys.push_back(network.first);
-    dispatchable = !overlap(keys);
-  }
-  if (!dispatchable) {
-    // Rules that are not keyed on distinct subnets are evaluated in order, one after another.
-    for (const Numbered& numbered : mine) addRule(entry, numbered);
-    return;
-  }
-  if (!inet6.empty()) {
-    // IPv6 lines name their interface: dispatched by it when all do, else in order.
-    const char* field = direction == "in" ? "iifname" : "oifname";
-    std::vector<std::pair<std::string, std::vector<Numbered>>> interfaces;
-    std::map<std::string, size_t> interfaceIndex;
-    for (const Numbered& numbered : inet6) {
-      auto [position, inserted] =
-          interfaceIndex.try_emplace(numbered.rule->interface, interfaces.size());
-      if (inserted) interfaces.emplace_back(numbered.rule->interface, std::vector<Numbered>{});
-      interfaces[position->second].second.push_back(numbered);
-    }
-    if (interfaceIndex.count("") != 0) {
-      chains += "add chain " + tablePrefix + "inet6_" + direction + "\n";
-      rules +=
-          "add rule " + tablePrefix + entry + " meta nfproto ipv6 jump inet6_" + direction + "\n";
-      for (const Numbered& numbered : inet6) addRule("inet6_" + direction, numbered);
-    } else {
-      std::string map;
-      for (size_t i = 0; i < interfaces.size(); ++i) {
-        std::string chain = "if" + std::to_string(i) + "_" + direction;
-        chains += "add chain " + tablePrefix + chain + "\n";
-        for (const Numbered& numbered : interfaces[i].second) addRule(chain, numbered);
-        map += (i == 0 ? " \"" : ", \"") + interfaces[i].first + "\" : jump " + chain;
-      }
-      rules += "add rule " + tablePrefix + entry + " meta nfproto ipv6 " + field + " vmap {" + map +
-               " }\n";
-    }
-  }
-  if (networks.empty()) return;
-  std::string map;
-  for (size_t i = 0; i < networks.size(); ++i) {
-    std::string chain = "net" + std::to_string(i) + "_" + direction;
-    chains += "add chain " + tablePrefix + chain + "\n";
-    for (const Numbered& numbered : networks[i].second) addRule(chain, numbered);
-    map += (i == 0 ? " " : ", ") + networkText(networks[i].first) + " : jump " + chain;
-  }
-  rules += "add rule " + tablePrefix + entry + " ip " + (direction == "in" ? "saddr" : "daddr") +
-           " vmap {" + map + " }\n";
+  return groups;
 }
+
+// Writes the chains and rules of one direction of a load.
+class DirectionWriter {
+ public:
+  DirectionWriter(std::string direction, std::string& chains, std::string& rules)
+      : direction_(std::move(direction)),
+        entry_("anchor_" + direction_),
+        chains_(chains),
+        rules_(rules) {}
+
+  void write(const std::vector<Numbered>& all) {
+    std::vector<Numbered> mine;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(mine), [this](const Numbered& rule) {
+      return rule.rule->direction.empty() || rule.rule->direction == direction_;
+    });
+    std::vector<Numbered> inet6;
+    std::vector<Numbered> inet;
+    for (const Numbered& numbered : mine) {
+      auto key = numbered.rule->inet6 ? std::nullopt : dispatchKey(*numbered.rule, direction_);
+      if (numbered.rule->inet6) {
+        inet6.push_back(numbered);
+      } else if (key) {
+        inet.push_back(numbered);
+      } else {
+        // A line that is not keyed on a subnet: everything is evaluated in order.
+        for (const Numbered& rule : mine) addRule(entry_, rule);
+        return;
+      }
+    }
+    std::vector<Group> networks = groupedBy(
+        inet, [this](const PfRule& rule) { return networkText(*dispatchKey(rule, direction_)); });
+    std::vector<PfAddress> distinct(networks.size());
+    std::transform(networks.begin(), networks.end(), distinct.begin(),
+                   [](const Group& network) { return *parsePfHost(network.key); });
+    if (overlap(distinct)) {
+      for (const Numbered& rule : mine) addRule(entry_, rule);
+      return;
+    }
+    // IPv6 lines name their interface: dispatched by it when all do, else in order.
+    bool allNamed = std::all_of(inet6.begin(), inet6.end(),
+                                [](const Numbered& rule) { return !rule.rule->interface.empty(); });
+    if (!allNamed) {
+      std::string chain = "inet6_" + direction_;
+      chains_.append("add chain ").append(tablePrefix).append(chain).append("\n");
+      rules_.append("add rule ").append(tablePrefix).append(entry_);
+      rules_.append(" meta nfproto ipv6 jump ").append(chain).append("\n");
+      for (const Numbered& rule : inet6) addRule(chain, rule);
+    } else if (!inet6.empty()) {
+      dispatch(direction_ == "in" ? "meta nfproto ipv6 iifname" : "meta nfproto ipv6 oifname", "if",
+               groupedBy(inet6, [](const PfRule& rule) { return "\"" + rule.interface + "\""; }));
+    }
+    if (!networks.empty()) dispatch(direction_ == "in" ? "ip saddr" : "ip daddr", "net", networks);
+  }
+
+ private:
+  void addRule(const std::string& chain, const Numbered& numbered) {
+    rules_.append("add rule ").append(tablePrefix).append(chain);
+    rules_.append(ruleBody(*numbered.rule, direction_, numbered.index)).append("\n");
+  }
+
+  // One chain per group, and in the entry chain a verdict map on `match` jumping to them.
+  void dispatch(const std::string& match, const std::string& prefix,
+                const std::vector<Group>& groups) {
+    rules_.append("add rule ").append(tablePrefix).append(entry_).append(" ");
+    rules_.append(match).append(" vmap {");
+    std::string body;
+    for (size_t i = 0; i < groups.size(); ++i) {
+      std::string chain = prefix + std::to_string(i) + "_" + direction_;
+      chains_.append("add chain ").append(tablePrefix).append(chain).append("\n");
+      for (const Numbered& rule : groups[i].rules) {
+        body.append("add rule ").append(tablePrefix).append(chain);
+        body.append(ruleBody(*rule.rule, direction_, rule.index)).append("\n");
+      }
+      rules_.append(i == 0 ? " " : ", ").append(groups[i].key).append(" : jump ").append(chain);
+    }
+    rules_.append(" }\n").append(body);
+  }
+
+  std::string direction_;
+  std::string entry_;
+  std::string& chains_;
+  std::string& rules_;
+};
 
 std::string baseChains() {
   std::string script;
-  for (const char* direction : {"in", "out"}) {
-    std::string chain = std::string("pf_") + direction;
-    const char* hook = std::string(direction) == "in" ? "prerouting" : "postrouting";
-    script += "add chain " + tablePrefix + chain + " { type filter hook " + hook +
-              " priority filter; policy accept; }\n";
+  for (const std::string direction : {"in", "out"}) {
+    std::string chain = "pf_" + direction;
+    const char* hook = direction == "in" ? "prerouting" : "postrouting";
+    script.append("add chain ").append(tablePrefix).append(chain).append(" { type filter hook ");
+    script.append(hook).append(" priority filter; policy accept; }\n");
     // pf's keep state: packets of known connections pass before any rule.
-    script += "add rule " + tablePrefix + chain + " ct state established,related accept\n";
-    script += "add rule " + tablePrefix + chain + " jump anchor_" + direction + "\n";
+    script.append("add rule ").append(tablePrefix).append(chain);
+    script.append(" ct state established,related accept\n");
+    script.append("add rule ").append(tablePrefix).append(chain);
+    script.append(" jump anchor_").append(direction).append("\n");
   }
   return script;
 }
@@ -281,8 +308,8 @@ std::optional<std::string> nftLoadScript(const std::vector<PfRule>& rules, bool 
     }
   }
   std::string body;
-  buildDirection(numbered, "in", chains, body);
-  buildDirection(numbered, "out", chains, body);
+  DirectionWriter("in", chains, body).write(numbered);
+  DirectionWriter("out", chains, body).write(numbered);
   // The whole table is replaced in one transaction: the kernel applies all of it or nothing.
   std::string script = "add table inet " + std::string(nftTableName) + "\ndelete table inet " +
                        nftTableName + "\nadd table inet " + nftTableName + "\n" + chains + body;
