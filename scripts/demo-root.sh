@@ -46,9 +46,13 @@ fi
 # Stage 2, in the new namespaces: build the stand-in Mac and chroot into it.
 if [ "$1" = --inside ]; then
   top=$2 build=$3
+  trap 'echo "demo: could not build the stand-in Mac (line $LINENO failed)." >&2' ERR
   mount -t tmpfs -o mode=0700 tmpfs "$top"
   mkdir -p "$top/upper" "$top/work" "$top/root"
-  mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
+  if ! mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"; then
+    echo "demo: this kernel cannot put an overlay over /, which the stand-in Mac needs." >&2
+    exit 1
+  fi
   root=$top/root
   for fs in proc dev sys; do mount --bind "/$fs" "$root/$fs"; done
   # A Mac's /run starts empty: no sessions, no sockets, no named network namespaces.
@@ -116,6 +120,7 @@ FAKE
   done
 
   cp "$0" "$root/demo/demo-root.sh"
+  trap - ERR
   set +e
   chroot "$root" /bin/bash /demo/demo-root.sh --session
   exit $?
@@ -133,7 +138,7 @@ failures=()
 
 note() { echo "$*" | fold -s -w 100 | sed 's/ *$//'; }
 heading() { printf '\n== %s ==\n' "$*"; }
-indent() { sed 's/^/    /'; }
+indent() { sed 's/^./    &/'; }
 fail_setup() { echo "demo: $*" >&2; exit 1; }
 # expect WHAT ACTUAL EXPECTED: records a failure (and says so at once) unless equal.
 expect() {
@@ -207,11 +212,15 @@ else:
 EOF
 serve() {
   local ns=$1; shift
-  mkfifo /demo/ready.$ns
-  ip netns exec $ns python3 /demo/probe.py serve "$@" > /demo/ready.$ns 2> /demo/serve.$ns.err &
-  exec 9< /demo/ready.$ns
-  read -r -t 5 line <&9 && [ "$line" = ready ] || fail_setup "the $ns's servers did not start: $(cat /demo/serve.$ns.err)"
+  local line=
+  mkfifo "/demo/ready.$ns"
+  ip netns exec "$ns" python3 /demo/probe.py serve "$@" > "/demo/ready.$ns" 2> "/demo/serve.$ns.err" &
+  exec 9< "/demo/ready.$ns"
+  read -r -t 5 line <&9
   exec 9<&-
+  if [ "$line" != ready ]; then
+    fail_setup "the $ns's servers did not start: $(cat "/demo/serve.$ns.err")"
+  fi
 }
 serve vm 22 8080
 serve lan 80 25
@@ -229,7 +238,7 @@ start_helper() {
   $HELPER > /demo/helper.out 2>&1 &
   HELPER_PID=$!
   # tail -F follows the log as lines arrive; each read waits at most 10 s for the next one.
-  local line started= tail_pid
+  local line started='' tail_pid
   mkfifo /demo/log.fifo
   tail -n +1 -F -s 0.05 $LOG > /demo/log.fifo 2> /dev/null &
   tail_pid=$!
@@ -280,6 +289,8 @@ expect "version" "$reply" "[\"$version\"]"
 
 heading "2. Alice applies her firewall"
 note "Lab (192.168.64.0/24) lets in only ssh and keeps its VMs off the LAN's mail port; Build farm (192.168.65.0/24) may reach only the LAN's web server."
+echo "  root# cat /demo/alice.json"
+indent < /demo/alice.json
 ask alice applyFirewallWithPolicyData:withReply: /demo/alice.json
 expect "alice's apply" "$reply" '["Enforcing 2 networks: Lab, Build farm",null]'
 
@@ -380,7 +391,7 @@ ask alice removeCLISymlinkWithReply:
 expect "links removed" "$reply" '[null]'
 left=$(ls -d "${links[@]}" 2> /dev/null)
 echo "  root# ls -l /usr/local/bin/tarnly /usr/local/bin/tqz /usr/local/share/{zsh,fish}/..."
-if [ -n "$left" ]; then list_links $left; else echo "    (none left)"; fi
+if [ -n "$left" ]; then list_links "${links[@]}"; else echo "    (none left)"; fi
 expect "no links left" "$left" ""
 
 heading "9. Stale vmnet interfaces"
