@@ -327,7 +327,7 @@ note "Under Staging's rules the VM's port 8080, dropped a moment ago, answers:"
 probe "LAN -> VM port 8080" lan 192.168.64.2 8080 connected
 
 heading "6. VLANs"
-note "Any accepted caller may list the VLANs the helper created (a JSON array, base64 in the reply): none yet."
+note "Anyone may list the VLANs the helper created (a JSON array, base64 in the reply): none yet."
 ask nobody createdVLANsWithReply:
 expect "VLAN list" "$reply" '["W10=",null]'
 if ip link add link en0 name vlanprobe type vlan id 4094 2> /dev/null; then
@@ -349,7 +349,10 @@ else
   ask alice createVLANWithName:tag:parentBSD:withReply: "Lab VLAN" 42 en0
   expect "VLAN create" "$reply" '[null,"Could not save the network configuration."]'
 fi
-note "Creating a VLAN is for administrators only:"
+note "A VLAN goes on a physical interface only, which a bridge is not:"
+ask alice createVLANWithName:tag:parentBSD:withReply: "Lab VLAN" 42 bridge100
+expect "VLAN on a bridge" "$reply" '[null,"No physical interface named bridge100."]'
+note "And creating one is for administrators only:"
 ask nobody createVLANWithName:tag:parentBSD:withReply: "Lab VLAN" 42 en0
 expect "VLAN refusal" "$reply" \
   "[null,\"Only an administrator of this Mac can make this change through Tarnly's helper.\"]"
