@@ -327,7 +327,7 @@ note "Under Staging's rules the VM's port 8080, dropped a moment ago, answers:"
 probe "LAN -> VM port 8080" lan 192.168.64.2 8080 connected
 
 heading "6. VLANs"
-note "Anyone may list the VLANs the helper created (a JSON array, base64 in the reply): none yet."
+note "Any user may list the VLANs the helper created (a JSON array, base64 in the reply): none yet."
 ask nobody createdVLANsWithReply:
 expect "VLAN list" "$reply" '["W10=",null]'
 if ip link add link en0 name vlanprobe type vlan id 4094 2> /dev/null; then
