@@ -81,7 +81,7 @@ ReadResult read(int fd) {
   }
   // The body is taken in pieces as it arrives, so an announced length costs memory only once
   // its bytes are actually sent.
-  constexpr std::size_t kPiece = 64 * 1024;
+  constexpr std::size_t kPiece = std::size_t{64} * 1024;
   while (result.payload.size() < size) {
     std::size_t have = result.payload.size();
     std::size_t want = std::min<std::size_t>(kPiece, size - have);
