@@ -116,7 +116,7 @@ FAKE
   echo 'bob:x:502:502:Bob:/nonexistent:/usr/sbin/nologin' >> "$root/etc/passwd"
   # /usr/local as on a Mac: only root may change it (Debian may make it writable for staff).
   for folder in /usr/local /usr/local/bin /usr/local/share; do
-    [ -d "$root$folder" ] && chown root:root "$root$folder" && chmod 0755 "$root$folder"
+    if [ -d "$root$folder" ]; then chown root:root "$root$folder" && chmod 0755 "$root$folder"; fi
   done
 
   cp "$0" "$root/demo/demo-root.sh"
