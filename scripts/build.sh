@@ -9,5 +9,6 @@ shift $(( $# > 1 ? 2 : 1 ))
 benchmarks=ON
 # Benchmarks measure the normal build only.
 [ -n "$sanitize" ] && benchmarks=OFF
-cmake -S . -B "$dir" -G Ninja -DTARNLY_SANITIZE="$sanitize" -DTARNLY_BENCHMARKS=$benchmarks >/dev/null
+cmake -S . -B "$dir" -G Ninja -DTARNLY_SANITIZE="$sanitize" -DTARNLY_WERROR=ON \
+  -DTARNLY_BENCHMARKS=$benchmarks >/dev/null
 cmake --build "$dir" -- "$@"

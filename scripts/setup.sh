@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libssl-dev libnl-3-dev libnl-route-3-dev libsystemd-dev iproute2 util-linux
-  dpkg-dev)
+  dpkg-dev gcovr)
 
 missing=()
 for package in "${packages[@]}"; do

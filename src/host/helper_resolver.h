@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/user_directory.h"
 #include "service/helper_environment.h"
 
 namespace HelperResolver {
@@ -26,14 +27,16 @@ std::string fileContent(std::string_view domain);
 // The files in removal order: the resolver folder followed by "tqz", then "tarnly".
 std::array<std::string, 2> resolverPaths(const HelperEnvironment& env);
 
-// Creates the resolver folder (0755) when nothing is there, then writes each domain's file
-// (0644) unless it already has exactly this content or is someone else's (logged and left).
-// Throws FileError when the folder, a file or its mode cannot be written; files written for
-// earlier domains stay.
-void install(const HelperEnvironment& env);
+// Creates the resolver folder and its missing parents (0755) when nothing is there, then writes
+// each domain's file (0644) unless it already has exactly this content or is someone else's
+// (logged and left). Files are read without following links or blocking, at most 4 KiB; anything
+// else reads as absent. Throws std::runtime_error naming the folder when an existing one is not
+// a real folder that passes the ownership rule of the command-line links, and FileError when a
+// folder or file cannot be written; files written for earlier domains stay.
+void install(const HelperEnvironment& env, const UserDirectory& users = systemUserDirectory());
 
-// Removes each file that carries the marker; files without it are passed over silently.
-// Throws FileError at the first file that cannot be removed.
-void remove(const HelperEnvironment& env);
+// Removes each file that carries the marker; files without it are passed over silently. Throws
+// like install for the folder, and FileError at the first file that cannot be removed.
+void remove(const HelperEnvironment& env, const UserDirectory& users = systemUserDirectory());
 
 }  // namespace HelperResolver

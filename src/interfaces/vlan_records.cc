@@ -60,7 +60,6 @@ void saveRecords(const HelperEnvironment& env, const std::vector<Record>& record
   try {
     createDirectories(env.paths.stateDirectory);
     writeFileAtomically(path, encodeRecords(records), 0600);
-    if (!setMode(path, 0600)) throw FileError("chmod", path, errno);
   } catch (const std::exception& error) {
     env.log.write(std::string("Could not record Tarnly's VLANs: ") + error.what());
   }

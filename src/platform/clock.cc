@@ -23,6 +23,13 @@ double secondsSinceReferenceDate(TimePoint time) {
 }
 
 TimePoint fromSecondsSinceReferenceDate(double seconds) {
-  auto micros = static_cast<long long>(std::llround((seconds + kReferenceDateUnixSeconds) * 1e6));
-  return TimePoint(std::chrono::microseconds(micros));
+  const double micros = (seconds + kReferenceDateUnixSeconds) * 1e6;
+  // Beyond about 292,000 years either way the count no longer fits: clamp instead of overflowing.
+  if (!(micros < static_cast<double>(TimePoint::max().time_since_epoch().count()))) {
+    return std::isnan(micros) ? TimePoint() : TimePoint::max();
+  }
+  if (!(micros > static_cast<double>(TimePoint::min().time_since_epoch().count()))) {
+    return TimePoint::min();
+  }
+  return TimePoint(std::chrono::microseconds(std::llround(micros)));
 }

@@ -17,6 +17,8 @@ inline TimePoint systemNow() {
 // ISO 8601 internet date-time in UTC to the second with a trailing Z, e.g. 2026-11-16T20:51:26Z.
 std::string iso8601(TimePoint time);
 
-// Seconds relative to 2001-01-01T00:00:00Z, the reference of the helper's JSON dates.
+// Seconds relative to 2001-01-01T00:00:00Z, the reference of the helper's JSON dates. Seconds
+// outside what a TimePoint holds are clamped to its earliest or latest value (NaN gives the Unix
+// epoch).
 double secondsSinceReferenceDate(TimePoint time);
 TimePoint fromSecondsSinceReferenceDate(double seconds);

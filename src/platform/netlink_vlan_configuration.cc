@@ -340,10 +340,11 @@ class NetlinkVLANPreferences final : public VLANPreferences {
     Link created(raw);
     entry.index = rtnl_link_get_ifindex(created.get());
     entry.status = Status::Existing;
-    if (entry.alias && !changeLink(created.get(), [&](rtnl_link* changes) {
-          rtnl_link_set_ifalias(changes, entry.alias->c_str());
-        })) {
-      return false;
+    // The display name is a courtesy: the link exists now and must be reported (and recorded) as
+    // made, whether or not the kernel takes the alias.
+    if (entry.alias) {
+      changeLink(created.get(),
+                 [&](rtnl_link* changes) { rtnl_link_set_ifalias(changes, entry.alias->c_str()); });
     }
     // Up like a configured interface; the kernel refuses while the parent is down, and then the
     // VLAN stays down until someone brings it up.
@@ -351,14 +352,15 @@ class NetlinkVLANPreferences final : public VLANPreferences {
     return true;
   }
 
+  // A display name that the kernel refuses changes nothing else; it never fails the apply.
   bool setAlias(const Entry& entry) {
     if (!entry.alias) return true;
     Link original(rtnl_link_alloc());
-    if (!original) return false;
+    if (!original) return true;
     rtnl_link_set_ifindex(original.get(), entry.index);
-    return changeLink(original.get(), [&](rtnl_link* changes) {
-      rtnl_link_set_ifalias(changes, entry.alias->c_str());
-    });
+    changeLink(original.get(),
+               [&](rtnl_link* changes) { rtnl_link_set_ifalias(changes, entry.alias->c_str()); });
+    return true;
   }
 
   // Sends the changes `edit` makes to an empty link object for the link `original`.

@@ -19,6 +19,7 @@ class NetlinkVLANConfiguration final : public VLANConfiguration {
   // parent still there, the VLAN to remove still there, no link with the new name or the same
   // parent and tag; a taken vlan<N> name is replaced by the lowest free one); `apply` carries out
   // what was committed: removals, then new VLAN links (alias set; brought up unless the parent is
-  // down), then new aliases.
+  // down), then new aliases. An alias the kernel refuses never fails `apply`: a link that was
+  // made is reported as made.
   std::unique_ptr<VLANPreferences> createPreferences(const std::string& client) override;
 };

@@ -10,10 +10,11 @@ namespace HelperCommand {
 
 struct Result {
   // Termination status: the exit code, or the signal number for a child ended by a signal;
-  // -1 when the program could not be started.
+  // -1 when the program could not be started, its end could not be awaited or its output could
+  // not be kept; never 0 unless the child exited with 0.
   int status = -1;
   std::string stdout;  // UTF-8, invalid sequences replaced
-  std::string stderr;  // likewise; the start failure's description when status is -1
+  std::string stderr;  // likewise; the failure's description when status is -1
 
   // Standard output, then standard error, each trimmed of white space and line breaks, empty ones
   // left out, joined by one line feed.
@@ -21,8 +22,10 @@ struct Result {
 };
 
 // Runs `path` with `arguments` as its argument vector after argv[0] = path. The child inherits
-// the environment, working folder and standard input. Both pipes are drained at the same time;
-// there is no time limit.
-Result run(const std::string& path, const std::vector<std::string>& arguments);
+// the environment, working folder and standard input, and starts with every signal at its
+// default action and none blocked. Both pipes are drained at the same time; there is no time
+// limit. Never throws: any failure is a status of -1 with its description, the child reaped and
+// every pipe closed.
+Result run(const std::string& path, const std::vector<std::string>& arguments) noexcept;
 
 }  // namespace HelperCommand

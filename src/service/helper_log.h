@@ -1,6 +1,7 @@
 // HelperLog: the helper's one log file, one time-stamped line per message, rotated past 512 KiB.
 // Thread-safe: every write and the uninstall removal go through one lock, the innermost of the
-// helper's locks. Never throws and never reports its own failures.
+// helper's locks; across processes each line and each rotation happen under an advisory lock on
+// the log file. Never throws and never reports its own failures.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +27,7 @@ class HelperLog {
   void removeForUninstall();
 
   // Moves a log file strictly larger than `limit` to `rotatedFile`, replacing it; truncates the
-  // log file when the move fails.
+  // log file when the move fails. write calls it holding the log file's advisory lock.
   static void rotateIfNeeded(const std::string& logFile, const std::string& rotatedFile,
                              std::uintmax_t limit);
 

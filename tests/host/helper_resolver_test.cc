@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "host/host_tree.h"
 #include "support/temp_tree.h"
 
@@ -19,8 +21,17 @@ class HelperResolverTest : public ::testing::Test {
   std::string folder() const { return tree.path("etc/resolver"); }
   std::string tqz() const { return folder() + "/tqz"; }
   std::string tarnly() const { return folder() + "/tarnly"; }
-  void install() { HelperResolver::install(tree.env()); }
-  void remove() { HelperResolver::remove(tree.env()); }
+  void install() { HelperResolver::install(tree.env(), tree.users()); }
+  void remove() { HelperResolver::remove(tree.env(), tree.users()); }
+  // The sentence install throws.
+  std::string installError() {
+    try {
+      install();
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+    return "<no error>";
+  }
 
   HostTree tree;
 };
@@ -79,24 +90,66 @@ TEST_F(HelperResolverTest, MarkedFilesAreReplacedAndRemovedAndForeignOnesLeftAlo
   EXPECT_EQ(contentOf(tarnly()), HelperResolver::fileContent("tarnly"));
 }
 
-TEST_F(HelperResolverTest, SomethingNotWritableInTheWayStopsInstallWithTheSystemsText) {
+TEST_F(HelperResolverTest, SomethingNotWritableInTheWayStopsInstallWithASentenceNamingTheFile) {
   // A folder at a file path reads as absent, so remove leaves it, and install cannot replace it.
   tree.makeFolder(tqz());
   remove();
   EXPECT_TRUE(pathExists(tqz()));
-  EXPECT_THROW(install(), FileError);
+  EXPECT_EQ(installError(), "Could not write " + tqz() + ": Is a directory.");
   EXPECT_FALSE(pathExists(tarnly())) << "the error ends the request";
-
-  std::filesystem::remove_all(folder());
-  writeFileAtomically(folder(), "", 0644);
-  try {
-    install();
-    ADD_FAILURE() << "install succeeded";
-  } catch (const FileError& error) {
-    EXPECT_THAT(error.what(),
-                ::testing::MatchesRegex("open\\(" + tqz() + ".*\\): Not a directory"));
-  }
   EXPECT_THAT(tree.log(), IsEmpty());
+}
+
+TEST_F(HelperResolverTest, OnlyARealAdministratorFolderAndRegularFilesAreUsed) {
+  // Missing folders are made 0755 from the start, whatever the umask.
+  ::umask(077);
+  install();
+  ::umask(022);
+  EXPECT_EQ(modeOf(tree.path("etc")), 0755);
+  EXPECT_EQ(modeOf(folder()), 0755);
+
+  // A FIFO, a link to a marked file elsewhere and an oversized marked file read as absent: install
+  // replaces each without blocking or touching what a link points at, and remove skips them.
+  std::string elsewhere = tree.outside() + "/marked";
+  writeFileAtomically(elsewhere, HelperResolver::fileContent("tqz"), 0644);
+  std::filesystem::remove(tqz());
+  std::filesystem::create_symlink(elsewhere, tqz());
+  std::filesystem::remove(tarnly());
+  ASSERT_EQ(::mkfifo(tarnly().c_str(), 0644), 0);
+  remove();
+  EXPECT_TRUE(std::filesystem::is_symlink(tqz()));
+  EXPECT_TRUE(pathExists(tarnly()));
+  install();
+  EXPECT_EQ(contentOf(tqz()), HelperResolver::fileContent("tqz"));
+  EXPECT_FALSE(std::filesystem::is_symlink(tqz()));
+  EXPECT_EQ(contentOf(tarnly()), HelperResolver::fileContent("tarnly"));
+  EXPECT_EQ(contentOf(elsewhere), HelperResolver::fileContent("tqz"));
+  writeFileAtomically(tqz(), "# Installed by Tarnly\n" + std::string(8192, '#'), 0644);
+  remove();
+  EXPECT_TRUE(pathExists(tqz())) << "an oversized file is not the helper's";
+
+  // A temporary file a crash left behind goes with the next request.
+  std::string leftover = folder() + "/.tqz.tmp-0123456789ab";
+  writeFileAtomically(leftover, HelperResolver::fileContent("tqz"), 0644);
+  install();
+  EXPECT_THAT(tree.entries(folder()), ElementsAre("tarnly", "tqz"));
+
+  // An existing resolver "folder" that is a link, or one a non-administrator can change, is
+  // refused by name before anything is written.
+  std::filesystem::remove_all(folder());
+  std::filesystem::create_symlink(tree.outside(), folder());
+  const std::string refusal =
+      folder() +
+      " isn't a folder that only administrators can change, so Tarnly won't write "
+      "resolver files into it.";
+  EXPECT_EQ(installError(), refusal);
+  std::filesystem::remove(folder());
+  tree.makeFolder(folder());
+  ASSERT_EQ(::chmod(folder().c_str(), 0777), 0);
+  EXPECT_EQ(installError(), refusal);
+  EXPECT_THROW(remove(), std::runtime_error);
+  EXPECT_THAT(tree.entries(folder()), IsEmpty());
+  EXPECT_THAT(tree.entries(tree.outside()), ElementsAre("marked"));
 }
 
 }  // namespace

@@ -3,12 +3,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <thread>
 #include <vector>
 
+#include "platform/files.h"
 #include "platform/text.h"
 #include "support/temp_tree.h"
 
@@ -89,15 +93,36 @@ TEST(HelperCommandRun, ChildInheritsNoDescriptorOfTheHelperOrOfOtherRuns) {
   int opened = ::open(tree.write("secret", "x").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(opened, 0);
   std::vector<std::string> before = openDescriptors();
-  // Other runs at the same time hold pipes that must not reach this run's child.
+  // Other runs hold their pipes while this run starts: each says it is ready on one FIFO and
+  // then waits for a line on another.
+  std::string ready = tree.path("ready");
+  std::string gate = tree.path("gate");
+  ASSERT_EQ(::mkfifo(ready.c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+  int readyFd = ::open(ready.c_str(), O_RDWR | O_CLOEXEC);
+  int gateFd = ::open(gate.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(readyFd, 0);
+  ASSERT_GE(gateFd, 0);
+  constexpr int kOthers = 4;
   std::vector<std::thread> others;
-  for (int i = 0; i < 4; ++i) others.emplace_back([] { run("/bin/sleep", {"0.2"}); });
-  ::usleep(50000);
+  for (int i = 0; i < kOthers; ++i) {
+    others.emplace_back([&] {
+      run("/bin/sh", {"-c", "printf x > \"$0\"; read line < \"$1\"", ready, gate});
+    });
+  }
+  for (int got = 0; got < kOthers;) {
+    char bytes[kOthers];
+    ssize_t n = ::read(readyFd, bytes, sizeof bytes);
+    ASSERT_GT(n, 0);
+    got += static_cast<int>(n);
+  }
   // The shell lists its own descriptors: what it inherited from the helper.
   Result result = run("/bin/sh", {"-c", "ls /proc/$$/fd"});
+  ASSERT_TRUE(writeAll(gateFd, std::string(kOthers, '\n')));
   for (auto& other : others) other.join();
-  ::close(opened);
+  for (int fd : {opened, readyFd, gateFd}) ::close(fd);
 
+  ASSERT_EQ(result.status, 0);
   for (std::string_view fd : split(result.stdout, '\n', false)) {
     if (fd == "0" || fd == "1" || fd == "2") continue;
     EXPECT_NE(fd, std::to_string(opened));
@@ -105,6 +130,46 @@ TEST(HelperCommandRun, ChildInheritsNoDescriptorOfTheHelperOrOfOtherRuns) {
     EXPECT_NE(std::find(before.begin(), before.end(), fd), before.end())
         << "leaked descriptor " << fd;
   }
+}
+
+// Restores a signal's disposition when it leaves scope.
+class SignalDisposition {
+ public:
+  SignalDisposition(int signal, void (*handler)(int)) : signal_(signal) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    ::sigaction(signal, &action, &saved_);
+  }
+  ~SignalDisposition() { ::sigaction(signal_, &saved_, nullptr); }
+  SignalDisposition(const SignalDisposition&) = delete;
+  SignalDisposition& operator=(const SignalDisposition&) = delete;
+
+ private:
+  int signal_;
+  struct sigaction saved_ {};
+};
+
+TEST(HelperCommandRun, ChildStartsWithDefaultSignalsAndAFailedWaitNeverReadsAsSuccess) {
+  TempTree tree;
+  {
+    // What the helper ignores or blocks is not the child's business.
+    SignalDisposition ignored(SIGINT, SIG_IGN);
+    sigset_t blocked;
+    sigset_t saved;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &saved);
+    int interrupted = run(tree.script("int", "kill -INT $$\nexit 0\n"), {}).status;
+    int terminated = run(tree.script("term", "kill -TERM $$\nexit 0\n"), {}).status;
+    ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    EXPECT_EQ(interrupted, SIGINT);
+    EXPECT_EQ(terminated, SIGTERM);
+  }
+  // With SIGCHLD ignored the kernel reaps the child itself and the wait fails.
+  SignalDisposition reapedByTheKernel(SIGCHLD, SIG_IGN);
+  Result result = run("/bin/true", {});
+  EXPECT_EQ(result.status, -1);
+  EXPECT_EQ(result.stderr, "Could not wait for /bin/true: No child processes");
 }
 
 TEST(HelperCommandRun, SignalledChildReportsTheSignal) {

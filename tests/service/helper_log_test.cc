@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
 #include <thread>
 #include <vector>
 
 #include "platform/files.h"
 #include "platform/text.h"
+#include "support/flock_waiter.h"
 #include "support/temp_tree.h"
 
 namespace {
@@ -80,6 +82,27 @@ TEST_F(HelperLogTest, FailedRotationMoveTruncatesInstead) {
   createDirectories(rotatedFile() + "/occupied");
   HelperLog::rotateIfNeeded(logFile(), rotatedFile(), HelperLog::kRotationLimit);
   EXPECT_EQ(contentOf(logFile()), "");
+}
+
+TEST_F(HelperLogTest, ConcurrentRotationByAnotherProcessKeepsBothGenerations) {
+  HelperLog log = makeLog(fixedTime);
+  tree_.write("log/tarnly-adminhelper.log.1", "older generation\n");
+  tree_.write("log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit + 1, 'x'));
+  // Another process holds the log while it rotates it.
+  HeldFlock other(logFile());
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    log.write("line");
+    done = true;
+  });
+  EXPECT_TRUE(waitForFlockWaiter(other.inode(), [&] { return done.load(); }))
+      << "the write went ahead while another process rotated";
+  ASSERT_EQ(::rename(logFile().c_str(), rotatedFile().c_str()), 0);
+  other.release();
+  writer.join();
+  EXPECT_EQ(contentOf(rotatedFile()).size(), HelperLog::kRotationLimit + 1)
+      << "the generation the other process made is kept";
+  EXPECT_EQ(contentOf(logFile()), "2026-11-16T20:51:26Z line\n");
 }
 
 TEST_F(HelperLogTest, FileDeletedFromOutsideIsRecreated) {

@@ -113,7 +113,6 @@ LoadOutcome loadAnchor(const FirewallHost& host, const std::vector<FirewallNetwo
   createDirectories(stateDirectory(env));
   std::string anchorFile = env.paths.state(kAnchorFile);
   writeFileAtomically(anchorFile, text, 0644);
-  setMode(anchorFile, 0644);
 
   cleanUpLegacyAnchor(host);
 

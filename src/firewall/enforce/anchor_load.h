@@ -1,6 +1,6 @@
 // Everything the helper does to pf: generating and loading the anchor (skipped when pf already
 // runs the same rules), retrying while pf is busy, enabling pf once per boot, killing the states
-// of changed subnets, and removing the legacy anchor. Called with HelperFirewall::lock() held.
+// of changed subnets, and removing the legacy anchor. Called with the FirewallLock held.
 #pragma once
 
 #include <chrono>

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "firewall/enforce/anchor_load.h"
@@ -97,7 +96,7 @@ std::string replyText(const std::vector<FirewallNetworkPolicy>& enforceable,
 std::string apply(const FirewallHost& host, std::string_view policyData, unsigned int uid,
                   bool adoptLegacy) {
   const HelperEnvironment& env = host.env;
-  std::lock_guard<std::mutex> guard(lock());
+  FirewallLock guard(env, FirewallLock::Folder::create);
 
   std::vector<FirewallNetworkPolicy> networks;
   try {
@@ -131,7 +130,7 @@ std::string apply(const FirewallHost& host, std::string_view policyData, unsigne
 
 void remove(const FirewallHost& host, unsigned int uid, bool adoptLegacy) {
   const HelperEnvironment& env = host.env;
-  std::lock_guard<std::mutex> guard(lock());
+  FirewallLock guard(env);
 
   Store::Owners owners = loadStore(env);
   std::string owner = Store::ownerKey(uid);
@@ -177,6 +176,11 @@ std::string statusReport(const FirewallHost& host) {
 
 void reapplyAtBoot(const FirewallHost& host) {
   const HelperEnvironment& env = host.env;
+  // Nothing stored: nothing to do, and no trace left (not even the lock file).
+  if (!pathExists(env.paths.state(kStoreFile))) return;
+  // The store is read under the lock, so that an apply of another process that ran meanwhile is
+  // not undone with what the store said before it.
+  FirewallLock guard(env);
   std::optional<std::string> data = readFile(env.paths.state(kStoreFile));
   if (!data) return;
   std::optional<Store::Owners> owners = Store::decoded(*data);
@@ -185,7 +189,6 @@ void reapplyAtBoot(const FirewallHost& host) {
     return;
   }
 
-  std::lock_guard<std::mutex> guard(lock());
   std::vector<NetworkFirewall::HostAddress> hosts = host.hostAddresses();
   NetworkFirewall::Review merged = mergeAndReview(env, *owners, hosts);
   LoadOutcome outcome;

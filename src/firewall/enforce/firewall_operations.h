@@ -1,6 +1,6 @@
 // The firewall operations the service and the command line invoke: apply one user's networks,
 // remove them, the status report and the re-apply at start. Apply, remove and re-apply hold
-// HelperFirewall::lock() for their whole run; the status report runs without it. Each operation
+// the FirewallLock for their whole run; the status report runs without it. Each operation
 // has a form taking the environment alone, which uses the real host defaults.
 #pragma once
 

@@ -1,5 +1,6 @@
 #include "firewall/enforce/firewall_state.h"
 
+#include <cstdio>
 #include <exception>
 
 #include "platform/files.h"
@@ -25,8 +26,14 @@ void saveStore(const HelperEnvironment& env, const NetworkFirewall::PolicyStore:
   createDirectories(stateDirectory(env));
   std::string data = NetworkFirewall::PolicyStore::encoded(owners);
   std::string path = env.paths.state(kStoreFile);
+  // An administrator may still want what an undecodable store held; keep the latest one.
+  if (auto current = readFile(path); current && !NetworkFirewall::PolicyStore::decoded(*current)) {
+    std::string kept = env.paths.state(kUnreadableStoreFile);
+    if (::rename(path.c_str(), kept.c_str()) == 0) {
+      env.log.write("Kept the firewall policy that could not be decoded as " + kept + ".");
+    }
+  }
   writeFileAtomically(path, data, 0600);
-  setMode(path, 0600);
 }
 
 std::optional<NetworkFirewall::LoadedRuleset> readLoadedRuleset(const HelperEnvironment& env) {
@@ -40,7 +47,6 @@ void recordLoadedRuleset(const HelperEnvironment& env,
   try {
     std::string path = env.paths.state(kLoadedFile);
     writeFileAtomically(path, record.encoded(), 0600);
-    setMode(path, 0600);
   } catch (const std::exception& error) {
     env.log.write(std::string("Could not record what pf was loaded with: ") + error.what());
   }

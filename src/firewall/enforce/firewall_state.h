@@ -1,5 +1,5 @@
 // The firewall's files in the state directory: the policy store and the loaded-ruleset record.
-// Callers other than the status report hold HelperFirewall::lock(); atomic replacement keeps
+// Callers other than the status report hold the FirewallLock; atomic replacement keeps
 // unlocked readers from ever seeing half a file.
 #pragma once
 
@@ -16,6 +16,8 @@ inline constexpr const char* kStoreFile = "firewall-policies.json";
 inline constexpr const char* kLoadedFile = "firewall-loaded.json";
 inline constexpr const char* kAnchorFile = "firewall.pf.conf";
 inline constexpr const char* kPfConfBackupFile = "pf.conf.before-tarnly-cleanup";
+// A store that could not be decoded, kept once when a save replaces it.
+inline constexpr const char* kUnreadableStoreFile = "firewall-policies.json.unreadable";
 
 // The folder of the firewall files (and of the VLAN record).
 const std::string& stateDirectory(const HelperEnvironment& env);
@@ -25,8 +27,9 @@ const std::string& stateDirectory(const HelperEnvironment& env);
 // starting from none."
 NetworkFirewall::PolicyStore::Owners loadStore(const HelperEnvironment& env);
 
-// Creates the state directory and replaces the store file (0600). Throws FileError or the
-// encoder's exception; the mode step never fails.
+// Creates the state directory and replaces the store file (0600). A store file that cannot be
+// decoded is first moved aside to kUnreadableStoreFile (replacing an older one), which is logged.
+// Throws FileError or the encoder's exception.
 void saveStore(const HelperEnvironment& env, const NetworkFirewall::PolicyStore::Owners& owners);
 
 // The record, or nothing when it is missing or unreadable as one. Logs nothing.

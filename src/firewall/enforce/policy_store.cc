@@ -30,7 +30,8 @@ std::optional<Owners> decodedOwnersForm(const nlohmann::json& document) {
       return std::nullopt;
     }
     entry.appliedAt = fromSecondsSinceReferenceDate(appliedAt->get<double>());
-    result.emplace(key, std::move(entry));
+    // No stored entry is ever empty; one that is (written by hand) stands for no owner.
+    if (!entry.policies.empty()) result.emplace(key, std::move(entry));
   }
   return result;
 }

@@ -35,8 +35,9 @@ using Owners = std::map<std::string, Entry>;
 std::string ownerKey(unsigned int uid);
 
 // Reads the owners form ({"owners": {key: {"policies": [...], "appliedAt": seconds}}}) or the
-// legacy bare array (one "legacy" entry, or no entry for an empty array). Nothing when the data is
-// neither.
+// legacy bare array (one "legacy" entry, or no entry for an empty array). An entry without
+// networks is left out; a date beyond the representable range is clamped to it. Nothing when the
+// data is neither form.
 std::optional<Owners> decoded(std::string_view data);
 
 // The owners form, pretty-printed with sorted keys. Throws nlohmann::json exceptions when a text

@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <mutex>
 #include <system_error>
 #include <vector>
 
 #include "firewall/enforce/firewall_lock.h"
+#include "firewall/enforce/firewall_state.h"
 #include "interfaces/helper_vlan.h"
 #include "platform/files.h"
 #include "service/helper_uninstall.h"
@@ -33,14 +33,21 @@ std::optional<std::vector<std::string>> entryNames(const std::string& folder) {
 }  // namespace
 
 std::optional<std::string> removeStateForUninstall(const HelperEnvironment& env) {
-  std::lock_guard<std::mutex> guard(lock());
-  removeFile(env.paths.state("pf.conf.before-tarnly-cleanup"));
+  FirewallLock guard(env);
+  removeFile(env.paths.state(kPfConfBackupFile));
+  removeFile(env.paths.state(kUnreadableStoreFile));
   removeFile(env.paths.state(".DS_Store"));
   HelperVLAN::removeRecordFileIfEmpty(env);
+  removeLeftoverTemporaryFiles(env.paths.stateDirectory);
 
   std::optional<std::string> explanation;
   if (auto names = entryNames(env.paths.stateDirectory)) {
+    // The lock file and the temporary file of a write still running are no state of their own.
+    std::erase_if(*names, [](const std::string& name) {
+      return name == kLockFile || isTemporaryFileName(name);
+    });
     if (names->empty()) {
+      guard.unlinkLockFile();
       ::rmdir(env.paths.stateDirectory.c_str());
     } else {
       explanation = HelperUninstall::explanation(*names);

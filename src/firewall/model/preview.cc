@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <istream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <stdexcept>
 
 #include "firewall/model/firewall_json.h"
 #include "firewall/model/one_line.h"
@@ -41,10 +43,15 @@ UsageError usage(const std::string& message) {
   return UsageError(std::string(kProgram) + ": " + message + " (" + std::string(kUsage) + ")");
 }
 
-// The whole content of a file; throws FileError naming the failed call.
+// A failed read of an input file: "<call>(<path>): <system error text>".
+std::runtime_error inputError(const std::string& call, const std::string& path, int error) {
+  return std::runtime_error(call + "(" + path + "): " + std::strerror(error));
+}
+
+// The whole content of a file; throws inputError naming the failed call.
 std::string readWholeFile(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw FileError("open", path, errno);
+  if (fd < 0) throw inputError("open", path, errno);
   std::string content;
   char buffer[65536];
   while (true) {
@@ -53,7 +60,7 @@ std::string readWholeFile(const std::string& path) {
     if (count < 0) {
       const int error = errno;
       ::close(fd);
-      throw FileError("read", path, error);
+      throw inputError("read", path, error);
     }
     if (count == 0) break;
     content.append(buffer, static_cast<std::size_t>(count));
@@ -222,7 +229,7 @@ int runPreview(const std::vector<std::string>& arguments, std::istream& in, std:
       std::string document;
       try {
         document = readWholeFile(*options.hostsPath);
-      } catch (const FileError& error) {
+      } catch (const std::runtime_error& error) {
         throw UsageError(std::string("Could not read the hosts file: ") + error.what());
       }
       hosts = decodeHosts(document);
@@ -241,7 +248,7 @@ int runPreview(const std::vector<std::string>& arguments, std::istream& in, std:
       document = readWholeFile(options.policyPath);
     }
     networks = FirewallJSON::decodeDocument(document);
-  } catch (const std::runtime_error& error) {  // FileError or FirewallJSON::DecodeError
+  } catch (const std::runtime_error& error) {  // an input error or FirewallJSON::DecodeError
     err << "Could not read the firewall policy: " << error.what() << '\n';
     return 2;
   }

@@ -2,11 +2,16 @@
 // and the re-apply at start, with several owners, legacy adoption and concurrent callers.
 #include "firewall/enforce/firewall_operations.h"
 
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "enforce_fixtures.h"
 #include "firewall/enforce/firewall_state.h"
 #include "firewall/enforce/helper_error.h"
+#include "support/flock_waiter.h"
 
 namespace {
 
@@ -205,11 +210,56 @@ TEST_F(FirewallOperations, StatusReportSections) {
 TEST_F(FirewallOperations, ReapplyWithoutOrWithAnUndecodableStoreLeavesPfAlone) {
   HelperFirewall::reapplyAtBoot(host);
   EXPECT_TRUE(logLines().empty());
+  EXPECT_FALSE(pathExists(paths.stateDirectory)) << "no trace, not even a lock file";
+  // A FIFO where the store belongs neither blocks nor counts as a store.
+  createDirectories(paths.stateDirectory);
+  ASSERT_EQ(::mkfifo(state("firewall-policies.json").c_str(), 0600), 0);
+  HelperFirewall::reapplyAtBoot(host);
+  EXPECT_TRUE(logLines().empty());
+  std::filesystem::remove(state("firewall-policies.json"));
   tree.write(kStore, "{\"owners\":");
   HelperFirewall::reapplyAtBoot(host);
   EXPECT_TRUE(pf.invocations().empty());
   EXPECT_THAT(logLines(),
               ElementsAre("Persisted firewall policy could not be decoded; leaving pf alone."));
+}
+
+TEST_F(FirewallOperations, UnreadableStateFilesNeitherBlockNorVanishSilently) {
+  // FIFOs at the record and the VLAN record, and an undecodable store.
+  createDirectories(paths.stateDirectory);
+  ASSERT_EQ(::mkfifo(state("firewall-loaded.json").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(state("vlans.json").c_str(), 0600), 0);
+  tree.write(kStore, "{\"owners\": garbage", 0600);
+  tree.write(kStore + ".unreadable", "an older one", 0600);
+  apply({lab}, 501);
+  EXPECT_EQ(stored().at("501").policies, std::vector{lab});
+  EXPECT_EQ(contentOf(state("firewall-policies.json.unreadable")), "{\"owners\": garbage");
+  EXPECT_THAT(logLines(), testing::IsSupersetOf(std::vector<std::string>{
+                              "Persisted firewall policy could not be decoded; starting from none.",
+                              "Kept the firewall policy that could not be decoded as " +
+                                  state("firewall-policies.json.unreadable") + "."}));
+  apply({lab, farm}, 501);
+  EXPECT_EQ(contentOf(state("firewall-policies.json.unreadable")), "{\"owners\": garbage")
+      << "a decodable store is not kept";
+}
+
+TEST_F(FirewallOperations, ConcurrentReapplyOfAnotherProcessLoadsTheStoreAsTheApplyLeftIt) {
+  apply({lab}, 501);
+  flushAnchor();
+  // Another process (the service) is applying: it holds the lock and will store Farm instead.
+  HeldFlock service(state(".firewall.lock"));
+  std::atomic<bool> done{false};
+  std::thread reapply([&] {
+    HelperFirewall::reapplyAtBoot(host);
+    done = true;
+  });
+  EXPECT_TRUE(waitForFlockWaiter(service.inode(), [&] { return done.load(); }))
+      << "the re-apply did not wait for the other process";
+  HelperFirewall::saveStore(env, {{"501", {{farm}, at(1)}}});
+  service.release();
+  reapply.join();
+  EXPECT_THAT(anchorRules(), HasSubstr("Farm"));
+  EXPECT_THAT(anchorRules(), Not(HasSubstr("Lab")));
 }
 
 TEST_F(FirewallOperations, ReapplyAfterAFlushReloadsReportsRefusalsAndLogsFailures) {

@@ -39,6 +39,17 @@ TEST(PolicyStoreJSON, BareArrayIsTheLegacyOwnerAndAnythingElseIsUndecodable) {
             (Store::Owners{{"legacy", {{lab}, Store::legacyDate()}}}));
   EXPECT_EQ(Store::decoded("[]"), Store::Owners{});
   EXPECT_EQ(Store::decoded(R"({"owners": {}, "version": 2})"), Store::Owners{});  // unknown keys
+  // No entry without networks; dates beyond the representable range are clamped, in order.
+  std::string lab1 = FirewallJSON::encode(lab).dump();
+  auto edges = Store::decoded(R"({"owners": {"1": {"policies": [], "appliedAt": 5},
+      "2": {"policies": [)" + lab1 +
+                              R"(], "appliedAt": 1e300},
+      "3": {"policies": [)" + lab1 +
+                              R"(], "appliedAt": -1e300}}})");
+  ASSERT_TRUE(edges.has_value());
+  EXPECT_FALSE(edges->contains("1"));
+  EXPECT_EQ(edges->at("2").appliedAt, TimePoint::max());
+  EXPECT_EQ(edges->at("3").appliedAt, TimePoint::min());
 
   std::string one = FirewallJSON::encode(lab).dump();
   for (const std::string& data : std::vector<std::string>{
@@ -114,8 +125,9 @@ TEST_F(StateFiles, UndecodableStoreIsLoggedAndKeptAndTheRecordIsOptional) {
 TEST_F(StateFiles, RecordWriteFailureIsOnlyLogged) {  // no state folder
   HelperFirewall::recordLoadedRuleset(env, LoadedRuleset{"d", std::nullopt, std::nullopt});
   ASSERT_EQ(logLines().size(), 1u);
-  EXPECT_THAT(logLines()[0],
-              testing::StartsWith("Could not record what pf was loaded with: open("));
+  EXPECT_EQ(logLines()[0], "Could not record what pf was loaded with: Could not write " +
+                               env.paths.state("firewall-loaded.json") +
+                               ": No such file or directory.");
 }
 
 }  // namespace

@@ -5,11 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "firewall/enforce/firewall_lock.h"
 #include "platform/files.h"
+#include "support/flock_waiter.h"
 #include "support/temp_tree.h"
 
 namespace {
@@ -70,22 +70,42 @@ TEST_F(UninstallCleanupTest, MissingOrUnlistableStateDirectoryStillRemovesTheLog
   EXPECT_TRUE(exists("state"));
 }
 
-TEST_F(UninstallCleanupTest, ConcurrentFirewallOperationHoldsOffTheCleanup) {
+TEST_F(UninstallCleanupTest, ConcurrentFirewallOperationOfAnotherProcessHoldsOffTheCleanup) {
   tree.write("state/vlans.json", "[]");
+  HeldFlock other(tree.path("state/.firewall.lock"));
   std::atomic<bool> done{false};
-  std::thread cleanup;
-  {
-    std::lock_guard<std::mutex> firewall(HelperFirewall::lock());
-    cleanup = std::thread([&] {
-      HelperFirewall::removeStateForUninstall(env);
-      done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(done.load());
-    EXPECT_TRUE(exists("state/vlans.json")) << "nothing removed while locked out";
-  }
+  std::thread cleanup([&] {
+    HelperFirewall::removeStateForUninstall(env);
+    done = true;
+  });
+  EXPECT_TRUE(waitForFlockWaiter(other.inode(), [&] { return done.load(); }))
+      << "the clean-up did not wait for the other process";
+  EXPECT_TRUE(exists("state/vlans.json")) << "nothing removed while locked out";
+  other.release();
   cleanup.join();
-  EXPECT_FALSE(exists("state"));
+  EXPECT_FALSE(exists("state")) << "the lock file goes with the folder";
+}
+
+TEST_F(UninstallCleanupTest, ConcurrentWaiterOfARemovedLockFileLocksTheOneThatReplacesIt) {
+  // Another process runs the clean-up: it holds the lock, then removes its file and the folder.
+  createDirectories(tree.path("state"));
+  HeldFlock cleanup(tree.path("state/.firewall.lock"));
+  std::atomic<bool> locked{false};
+  std::thread apply([&] {
+    HelperFirewall::FirewallLock guard(env, HelperFirewall::FirewallLock::Folder::create);
+    locked = true;
+    EXPECT_TRUE(guard.holdsFileLock());
+    // Whoever comes next must find this holder's lock on the file now in place.
+    int next = ::open(tree.path("state/.firewall.lock").c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_GE(next, 0);
+    EXPECT_NE(::flock(next, LOCK_EX | LOCK_NB), 0);
+    ::close(next);
+  });
+  EXPECT_TRUE(waitForFlockWaiter(cleanup.inode(), [&] { return locked.load(); }));
+  EXPECT_EQ(::unlink(tree.path("state/.firewall.lock").c_str()), 0);
+  EXPECT_EQ(::rmdir(tree.path("state").c_str()), 0);
+  cleanup.release();
+  apply.join();
 }
 
 }  // namespace
