@@ -1,0 +1,82 @@
+// Shared pieces of the service tests: a log on a temporary tree read back without time stamps,
+// a clock the test moves, and an event a test thread can wait for with a bound.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/text.h"
+#include "service/helper_environment.h"
+#include "service/helper_log.h"
+#include "support/temp_tree.h"
+
+namespace service_test {
+
+// A HelperEnvironment whose paths lie in a temporary tree.
+struct TestEnvironment {
+  TempTree tree;
+  HostPaths paths = tree.hostPaths();
+  HelperLog log{paths.logFile, paths.rotatedLogFile};
+  HelperEnvironment env{paths, systemNow, log};
+
+  // The logged messages without their "2026-11-16T20:51:26Z " stamps.
+  std::vector<std::string> logLines() const {
+    std::vector<std::string> lines;
+    std::string text = readFile(paths.logFile).value_or("");
+    for (std::string_view line : split(text, '\n', false)) {
+      lines.emplace_back(line.size() > 21 ? line.substr(21) : line);
+    }
+    return lines;
+  }
+};
+
+// Monotonic time that moves only when the test (or a sleep it stands in for) moves it.
+class ManualClock {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+  Time now() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return now_;
+  }
+  void advance(std::chrono::steady_clock::duration by) {
+    std::lock_guard<std::mutex> guard(lock_);
+    now_ += by;
+  }
+
+ private:
+  mutable std::mutex lock_;
+  Time now_{std::chrono::hours(1000)};
+};
+
+// A counter other threads bump and the test waits on.
+class Events {
+ public:
+  void bump() {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++count_;
+    changed_.notify_all();
+  }
+  int count() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return count_;
+  }
+  // True once the count reaches `n`; false after `bound` without it.
+  bool waitFor(int n, std::chrono::milliseconds bound = std::chrono::seconds(10)) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return changed_.wait_for(guard, bound, [&] { return count_ >= n; });
+  }
+
+ private:
+  mutable std::mutex lock_;
+  std::condition_variable changed_;
+  int count_ = 0;
+};
+
+}  // namespace service_test
