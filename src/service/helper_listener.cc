@@ -17,11 +17,11 @@ void sleepBlocking(std::chrono::microseconds duration) {
   std::this_thread::sleep_for(duration);
 }
 
-HelperListener::Seams withDefaults(HelperListener::Seams seams) {
+HelperListener::Seams withDefaults(HelperListener::Seams seams, const HelperEnvironment& env) {
   if (!seams.now) seams.now = [] { return std::chrono::steady_clock::now(); };
   if (!seams.sleep) seams.sleep = sleepBlocking;
   if (!seams.exit) seams.exit = exitNow;
-  if (!seams.holdFirewallLock) seams.holdFirewallLock = holdFirewallLockForever;
+  if (!seams.holdFirewallLock) seams.holdFirewallLock = [&env] { holdFirewallLockForever(env); };
   if (!seams.startTimer) {
     seams.startTimer = [sleep = seams.sleep](std::function<void()> tick) {
       std::thread([sleep, tick = std::move(tick)] {
@@ -37,8 +37,9 @@ HelperListener::Seams withDefaults(HelperListener::Seams seams) {
 
 }  // namespace
 
-void holdFirewallLockForever() {
-  HelperFirewall::lock().lock();
+void holdFirewallLockForever(const HelperEnvironment& env) {
+  // Never released: the process exits holding it, and its end lets the flock go.
+  static_cast<void>(new HelperFirewall::FirewallLock(env));
 }
 
 std::shared_ptr<HelperListener> HelperListener::create(const HelperEnvironment& env) {
@@ -46,7 +47,8 @@ std::shared_ptr<HelperListener> HelperListener::create(const HelperEnvironment& 
 }
 
 std::shared_ptr<HelperListener> HelperListener::create(const HelperEnvironment& env, Seams seams) {
-  return std::shared_ptr<HelperListener>(new HelperListener(env, withDefaults(std::move(seams))));
+  return std::shared_ptr<HelperListener>(
+      new HelperListener(env, withDefaults(std::move(seams), env)));
 }
 
 HelperListener::HelperListener(const HelperEnvironment& env, Seams seams)

@@ -85,6 +85,6 @@ class HelperListener : public std::enable_shared_from_this<HelperListener> {
   MonotonicTime lastActivity_;          // guarded by stateLock_
 };
 
-// Takes the firewall lock and never gives it back, so no firewall operation starts while the
-// process exits.
-void holdFirewallLockForever();
+// Takes the firewall lock (in this process and across processes) and never gives it back, so no
+// firewall operation starts while the process exits.
+void holdFirewallLockForever(const HelperEnvironment& env);
