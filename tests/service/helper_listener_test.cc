@@ -49,7 +49,7 @@ class HelperListenerTest : public ::testing::Test {
       if (atExit) atExit();
       exits.bump();
     };
-    seams.holdFirewallLock = [] { std::lock_guard<std::mutex> taken(HelperFirewall::lock()); };
+    seams.holdFirewallLock = [this] { HelperFirewall::FirewallLock taken(test.env); };
     auto listener = HelperListener::create(test.env, seams);
     listener->listen([] {});
     return listener;
@@ -145,13 +145,13 @@ TEST_F(HelperListenerTest, ConcurrentShutdownWaitsForTheFirewallLock) {
   std::atomic<bool> exitedAfterApply{false};
   atExit = [&] { exitedAfterApply = applyFinished.load(); };
   auto listener = start();
-  std::unique_lock<std::mutex> apply(HelperFirewall::lock());
+  auto apply = std::make_unique<HelperFirewall::FirewallLock>(test.env);
   listener->shutdownForUpgrade();
   EXPECT_EQ(test.logLines().back(), kShutdownLine);
   ASSERT_TRUE(sleeps.waitFor(1));  // the 0.3 s delay has passed
   EXPECT_FALSE(exits.waitFor(1, 200ms)) << "exited while an apply held the lock";
   applyFinished = true;
-  apply.unlock();
+  apply.reset();
   ASSERT_TRUE(exits.waitFor(1));
   EXPECT_TRUE(exitedAfterApply);
 }
