@@ -31,12 +31,12 @@ class HelperTransport {
   static constexpr std::size_t kReservedDescriptors = 256;
   // Stack of a connection thread: 1280 of them reserve 640 MiB of address space, and touch only
   // the pages they use.
-  static constexpr std::size_t kThreadStackBytes = 512 * 1024;
+  static constexpr std::size_t kThreadStackBytes = std::size_t{512} * 1024;
   // Frames up to this size are read at once (all connections together: at most 20 MiB).
   static constexpr std::uint32_t kSmallFrame = 16 * 1024;
   // Larger frames first reserve their announced size from this budget, shared by all
   // connections, and give it back once the request is answered: together they never hold more.
-  static constexpr std::size_t kFrameBudget = 64 * 1024 * 1024;
+  static constexpr std::size_t kFrameBudget = std::size_t{64} * 1024 * 1024;
   // A larger frame that gets no share of the budget within this time is answered with a fault and
   // its connection closed.
   static constexpr std::chrono::seconds kBudgetWait{5};

@@ -81,7 +81,7 @@ ReadResult readBody(int fd, std::uint32_t size) {
   // The body is taken in pieces as it arrives, so an announced length costs memory only once
   // its bytes are actually sent: the reserved pages are touched as the pieces land, and never
   // copied to a larger buffer.
-  constexpr std::size_t kPiece = 64 * 1024;
+  constexpr std::size_t kPiece = std::size_t{64} * 1024;
   result.payload.reserve(size);
   while (result.payload.size() < size) {
     std::size_t have = result.payload.size();
