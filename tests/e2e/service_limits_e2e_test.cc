@@ -12,9 +12,9 @@
 namespace {
 
 #ifdef TARNLY_SANITIZED
-constexpr long kPeakLimitKb = 1024 * 1024;  // sanitizers keep freed memory in quarantine
+constexpr long kPeakLimitKb = 1024L * 1024;  // sanitizers keep freed memory in quarantine
 #else
-constexpr long kPeakLimitKb = 192 * 1024;  // 64 MiB of frames, 20 MiB of small ones, the rest
+constexpr long kPeakLimitKb = 192L * 1024;  // 64 MiB of frames, 20 MiB of small ones, the rest
 #endif
 
 // Shell lines: for each uid, a bridge with the gateway of 192.168.<64+i>.0/24 and the policy file

@@ -54,8 +54,8 @@ const std::string kHelper = "/Applications/Tarnly.app/Contents/Helpers/TarnlyAdm
 constexpr unsigned kUids[] = {0, 501, 502};
 
 [[noreturn]] void fail(const std::string& why) {
-  std::fprintf(stderr, "%s\n", why.c_str());
-  std::fflush(stderr);
+  (void)std::fprintf(stderr, "%s\n", why.c_str());
+  (void)std::fflush(stderr);
   ::_exit(1);
 }
 
@@ -130,7 +130,7 @@ long statusField(pid_t pid, const std::string& name) {
 pid_t forkRunning(const std::function<int()>& body) {
   pid_t pid = ::fork();
   if (pid == 0) {
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
     ::_exit(body());
   }
   return pid;
@@ -148,7 +148,8 @@ bool checkLoadReply(unsigned uid, int i, const std::string& reply) {
   if (i % 50 == 0) {
     std::string own = "Enforcing 1 network: Net" + std::to_string(uid);
     json value = json::parse(reply, nullptr, false);
-    if (!value.contains("reply") || value["reply"].size() != 2 || !value["reply"][1].is_null()) {
+    if (!value.contains("reply") || value["reply"].size() != 2 || !value["reply"][0].is_string() ||
+        !value["reply"][1].is_null()) {
       return false;
     }
     std::string text = value["reply"][0].get<std::string>();
@@ -177,6 +178,7 @@ int runLoad(int clients, int requests) {
       std::atomic<int> failures{0};
       std::latch connected(mine);
       std::vector<std::thread> threads;
+      threads.reserve(static_cast<std::size_t>(mine));
       for (int c = 0; c < mine; ++c) {
         threads.emplace_back([&] {
           int fd = connectToHelper();
@@ -188,10 +190,10 @@ int runLoad(int clients, int requests) {
                                                     : vlans;
             std::string reply = roundTrip(fd, sent);
             if (!checkLoadReply(uid, i, reply) && failures++ == 0) {
-              std::fprintf(stderr, "uid %u request %d: %s\n", uid, i, reply.c_str());
+              (void)std::fprintf(stderr, "uid %u request %d: %s\n", uid, i, reply.c_str());
             }
           }
-          if (fd < 0 && failures++ == 0) std::fprintf(stderr, "uid %u: no connection\n", uid);
+          if (fd < 0 && failures++ == 0) (void)std::fprintf(stderr, "uid %u: no connection\n", uid);
           if (fd >= 0) ::close(fd);
         });
       }
@@ -203,9 +205,9 @@ int runLoad(int clients, int requests) {
   for (pid_t child : children) ok = childSucceeded(child) && ok;
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   if (::kill(helper, 0) != 0) fail("the helper is gone");
-  std::printf("load: %d clients x %d requests in %.1f s: %.0f requests/s; helper VmHWM %ld kB\n",
-              clients, requests, seconds, clients * requests / seconds,
-              statusField(helper, "VmHWM"));
+  (void)std::printf(
+      "load: %d clients x %d requests in %.1f s: %.0f requests/s; helper VmHWM %ld kB\n", clients,
+      requests, seconds, clients * requests / seconds, statusField(helper, "VmHWM"));
   return ok ? 0 : 1;
 }
 
@@ -222,6 +224,7 @@ double versionRoundTripMs() {
 
 double medianVersionRoundTripMs() {
   std::vector<double> times;
+  times.reserve(21);
   for (int i = 0; i < 21; ++i) times.push_back(versionRoundTripMs());
   std::nth_element(times.begin(), times.begin() + 10, times.end());
   return times[10];
@@ -257,8 +260,8 @@ int runIdle(int count) {
   std::string large = header(WireFrame::kMaxFrame) + std::string(WireFrame::kMaxFrame / 2, ' ');
   ::send(idle[4], large.data(), large.size(), MSG_NOSIGNAL);
   double after = medianVersionRoundTripMs();
-  std::printf("idle: round trip %.2f ms alone, %.2f ms beside %d idle connections\n", before, after,
-              count);
+  (void)std::printf("idle: round trip %.2f ms alone, %.2f ms beside %d idle connections\n", before,
+                    after, count);
   if (after > 10 * before + 20) fail("the new client waited too long");
   for (int fd : idle) {
     if (closedByHelper(fd, std::chrono::milliseconds(0))) fail("an idle connection was closed");
@@ -274,8 +277,8 @@ int runIdle(int count) {
     if (i >= 200 && closedByHelper(fd, std::chrono::milliseconds(20))) ++refused;
   }
   long threads = statusField(helper, "Threads");
-  std::printf("idle: %zu connections open, %d refused, helper threads %ld\n",
-              idle.size() + more.size() - refused, refused, threads);
+  (void)std::printf("idle: %zu connections open, %d refused, helper threads %ld\n",
+                    idle.size() + more.size() - refused, refused, threads);
   for (int fd : more) ::close(fd);
   for (int fd : idle) ::close(fd);
   return refused == 3 ? 0 : 1;
@@ -319,7 +322,7 @@ int runFlood(int count) {
   long peak = statusField(helper, "VmHWM");
   for (std::thread& thread : senders) thread.join();
   for (int fd : fds) ::close(fd);
-  std::printf(
+  (void)std::printf(
       "flood: %d half frames of 16 MiB: %d held, %d refused as busy, %d other; version "
       "round trip %.2f ms meanwhile; helper VmHWM %ld kB (%ld kB before)\n",
       count, held.load(), busy.load(), other.load(), during, peak, base);
@@ -399,7 +402,7 @@ bool checkFiles(const std::vector<NetworkFirewall::PolicyStore::Owners>& sent) {
         known = known || (key == std::to_string(kUids[i]) &&
                           entry.policies == sent[i].begin()->second.policies);
       }
-      if (!known) fail("store entry " + key + " is no document a client sent:\n" + text);
+      if (!known) fail("store entry " + key + " is no document a client sent:\n" += text);
     }
   }
   if (pathExists(kPaths.state(HelperFirewall::kLoadedFile))) {
@@ -456,7 +459,7 @@ int runCrash(int kills, unsigned seed) {
     std::string log = readAll(kPaths.logFile);
     if (log.size() < logBefore) {
       ++rotations;
-      log = readAll(kPaths.rotatedLogFile) + log;
+      log.insert(0, readAll(kPaths.rotatedLogFile));
     }
     std::size_t listening = log.rfind(" listening on com.orbelle.tarnly.adminhelper.\n");
     if (listening == std::string::npos || log.rfind('\n', listening) == std::string::npos) {
@@ -482,7 +485,7 @@ int runCrash(int kills, unsigned seed) {
   }
   ::kill(helper, SIGKILL);
   ::waitpid(helper, nullptr, 0);
-  std::printf(
+  (void)std::printf(
       "crash: %d kills survived; %ld requests answered; %d starts re-applied; %d log "
       "rotations; largest log %zu bytes\n",
       kills, answered->load(), reapplied, rotations, longest);
@@ -493,13 +496,13 @@ int runCrash(int kills, unsigned seed) {
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
-  ::signal(SIGPIPE, SIG_IGN);
+  (void)::signal(SIGPIPE, SIG_IGN);
   auto number = [&](std::size_t i) { return i < args.size() ? std::stoi(args[i]) : 0; };
   std::string mode = args.empty() ? "" : args[0];
   if (mode == "load") return runLoad(number(1), number(2));
   if (mode == "idle") return runIdle(number(1));
   if (mode == "flood") return runFlood(number(1));
   if (mode == "crash") return runCrash(number(1), static_cast<unsigned>(number(2)));
-  std::fprintf(stderr, "usage: e2e_driver load|idle|flood|crash ...\n");
+  (void)std::fprintf(stderr, "usage: e2e_driver load|idle|flood|crash ...\n");
   return 2;
 }
