@@ -65,8 +65,6 @@ class HelperTransport {
   // transport could not be set up.
   void serve();
 
-  // The connections served at once: kMaxConnections, or fewer when the descriptor limit is short.
-  std::size_t connectionLimit() const { return connectionLimit_; }
 
   // Ends serve(), disconnects every open connection and waits until their threads have finished
   // (a request in progress completes first). Safe to call more than once.
@@ -85,7 +83,7 @@ class HelperTransport {
   Events events_;
   HelperLog& log_;
 
-  std::size_t connectionLimit_ = kMaxConnections;
+  std::size_t connectionLimit_ = kMaxConnections;  // set by serve() before any connection
 
   std::mutex lock_;
   std::condition_variable finished_;
