@@ -58,7 +58,8 @@ std::optional<std::string> decode(std::string_view text) {
     if (last && text[i + 3] == '=') padding = text[i + 2] == '=' ? 2 : 1;
     std::uint32_t group = 0;
     for (std::size_t j = 0; j < 4; ++j) {
-      std::int8_t value = j >= 4 - padding ? 0 : kReverse[static_cast<unsigned char>(text[i + j])];
+      std::int8_t value =
+          j >= 4 - padding ? std::int8_t{0} : kReverse[static_cast<unsigned char>(text[i + j])];
       if (value < 0) return std::nullopt;
       group = group << 6 | static_cast<std::uint32_t>(value);
     }

@@ -119,7 +119,7 @@ std::string dump(const json& value) {
   return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-Response fault(std::string sentence) {
+Response fault(const std::string& sentence) {
   return {faultPayload(sentence), true};
 }
 

@@ -158,13 +158,18 @@ void HelperTransport::serveConnection(int fd) {
         if (reserved > 0) setReceiveTimeout(fd, kBodyStall);
         WireFrame::ReadResult request = WireFrame::readBody(fd, header.size);
         if (reserved > 0) setReceiveTimeout(fd, std::chrono::seconds(0));
-        bool complete = request.status == Status::frame;
-        if (complete) {
-          response = handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
+        bool answered = false;
+        if (request.status == Status::frame) {
+          try {
+            response = handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
+            answered = true;
+          } catch (const std::exception&) {
+            // out of memory or the like: this connection ends, the helper goes on
+          }
         }
         request = {};  // the frame's bytes go before its share of the budget
         release(reserved);
-        if (!complete) break;
+        if (!answered) break;
       }
       if (!WireFrame::write(fd, response.payload) || response.closeAfter) break;
     }

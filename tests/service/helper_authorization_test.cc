@@ -6,6 +6,7 @@
 #include <pwd.h>
 
 #include "host/fake_user_directory.h"
+#include "support/temp_tree.h"
 
 namespace {
 
@@ -26,6 +27,24 @@ TEST(HelperAuthorizationTest, AdministratorsAreRootAndMembersOfGroup80) {
   EXPECT_FALSE(isAdministrator(503, users));
   EXPECT_FALSE(isAdministrator(504, users)) << "unlistable groups";
   EXPECT_FALSE(isAdministrator(4242, users)) << "no passwd entry";
+}
+
+TEST(HelperAuthorizationTest, OnlyANonAdministratorsEverydayRequestAsksForTheConsoleUser) {
+  TempTree tree;
+  HelperLog log(tree.path("log"), tree.path("log.1"));
+  FakeUserDirectory users;
+  users.addUser(501, {80});
+  users.addUser(502, {20});
+  int asked = 0;
+  HelperAuthorization::Authority authority{users, [&] { return ++asked, std::optional(502u); },
+                                           log};
+  using HelperAuthorization::refusal;
+  EXPECT_FALSE(refusal(false, "applyFirewall", 0, authority));
+  EXPECT_FALSE(refusal(false, "applyFirewall", 501, authority));
+  EXPECT_EQ(asked, 0);
+  EXPECT_FALSE(refusal(false, "applyFirewall", 502, authority));
+  EXPECT_TRUE(refusal(true, "createVLAN", 502, authority));
+  EXPECT_EQ(asked, 1);
 }
 
 TEST(HelperAuthorizationTest, RealDatabaseKnowsRootAndNotAnUnknownUid) {

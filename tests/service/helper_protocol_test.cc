@@ -29,44 +29,34 @@ class HelperProtocolTest : public ::testing::Test {
     users.addUser(kAdmin, {20, 80});
     users.addUser(kConsole, {20});
     users.addUser(kOther, {20});
-    auto record = [this](std::string call) {
-      calls.push_back(std::move(call));
-      if (!failure.empty()) throw std::runtime_error(failure);
-    };
     auto& ops = service.operations;
     ops.noteActivity = [this] { ++activity; };
     ops.versionString = [] { return "9.9"; };
-    ops.applyFirewall = [=](const std::string& data, std::uint32_t uid, bool adopt) {
-      record("apply " + data + " " + std::to_string(uid) + (adopt ? " adopt" : ""));
-      return std::string("Enforcing 1 network: Lab");
-    };
-    ops.removeFirewall = [=](std::uint32_t uid, bool adopt) {
-      record("remove " + std::to_string(uid) + (adopt ? " adopt" : ""));
-    };
-    ops.firewallReport = [=] {
-      record("report");
-      return std::string("== pf status ==");
-    };
-    ops.createVLAN = [=](const std::string& name, std::int64_t tag, const std::string& parent) {
-      record("createVLAN " + name + " " + std::to_string(tag) + " " + parent);
-      return std::string("vlan0");
-    };
-    ops.deleteVLAN = [=](const std::string& name) { record("deleteVLAN " + name); };
-    ops.createdVLANs = [=] {
-      record("createdVLANs");
-      return std::string("[]");
-    };
-    ops.installCLISymlink = [=] { record("installCLISymlink"); };
-    ops.removeCLISymlink = [=] { record("removeCLISymlink"); };
-    ops.pruneStaleVMInterfaces = [=] {
-      record("prune");
-      return std::string("No vmnet interfaces.");
-    };
-    ops.setResolver = [=](bool enabled) { record(enabled ? "resolver on" : "resolver off"); };
-    ops.shutdownForUpgrade = [=] { record("shutdown"); };
-    ops.removeFilesForUninstall = [=] {
-      record("uninstall");
-      return std::optional<std::string>();
+    ops.applyFirewall = record<std::string, const std::string&, std::uint32_t, bool>(
+        "apply", "Enforcing 1 network: Lab");
+    ops.removeFirewall = record<void, std::uint32_t, bool>("remove");
+    ops.firewallReport = record<std::string>("report", "== pf status ==");
+    ops.createVLAN = record<std::string, const std::string&, std::int64_t, const std::string&>(
+        "createVLAN", "vlan0");
+    ops.deleteVLAN = record<void, const std::string&>("deleteVLAN");
+    ops.createdVLANs = record<std::string>("createdVLANs", "[]");
+    ops.installCLISymlink = record<void>("installCLISymlink");
+    ops.removeCLISymlink = record<void>("removeCLISymlink");
+    ops.pruneStaleVMInterfaces = record<std::string>("prune", "No vmnet interfaces.");
+    ops.setResolver = record<void, bool>("resolver");
+    ops.shutdownForUpgrade = record<void>("shutdown");
+    ops.removeFilesForUninstall = record<std::optional<std::string>>("uninstall", std::nullopt);
+  }
+
+  // An operation that records "<name> <argument>..." and then throws `failure` when one is set.
+  template <typename Result, typename... Args, typename... Returned>
+  std::function<Result(Args...)> record(std::string name, Returned... result) {
+    return [this, name, result...](Args... args) -> Result {
+      std::string call = name;
+      ((call += " " + testing::PrintToString(args)), ...);
+      calls.push_back(call);
+      if (!failure.empty()) throw std::runtime_error(failure);
+      return Result(result...);
     };
   }
 
@@ -89,41 +79,47 @@ json request(std::string_view selector, json args = json::array()) {
   return {{"method", selector}, {"args", std::move(args)}};
 }
 
-// Who each row lets through: administrator, console user, anybody else.
+// Who each row lets through besides administrators, what it calls and replies, and whether a
+// thrown error is logged.
 struct RowCase {
   json request;
-  std::string call;  // what the operation records
+  std::string call;  // what the operation records for the administrator
   bool console;
   bool other;
   std::string reply;  // the reply to the administrator
+  bool logsFailure;
 };
 
-TEST_F(HelperProtocolTest, EachRowChecksItsCallerAndRepliesInItsShape) {
+TEST_F(HelperProtocolTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsFailures) {
   const RowCase rows[] = {
-      {request("helperVersionWithReply:"), "", true, true, R"(["9.9"])"},
-      {request("applyFirewallWithPolicyData:withReply:", {"W10="}), "apply [] 501", true, false,
-       R"(["Enforcing 1 network: Lab",null])"},
-      {request("removeFirewallWithReply:"), "remove 501", true, false, "[null]"},
-      {request("firewallReportWithReply:"), "report", true, true, R"(["== pf status ==",null])"},
-      {request("createVLANWithName:tag:parentBSD:withReply:", {"Lab", 4094, "en0"}),
-       "createVLAN Lab 4094 en0", false, false, R"(["vlan0",null])"},
-      {request("deleteVLANWithBsdName:withReply:", {"vlan0"}), "deleteVLAN vlan0", false, false,
-       "[null]"},
-      {request("createdVLANsWithReply:"), "createdVLANs", true, true, R"(["W10=",null])"},
-      {request("installCLISymlinkWithReply:"), "installCLISymlink", true, false, "[null]"},
-      {request("removeCLISymlinkWithReply:"), "removeCLISymlink", true, false, "[null]"},
+      {request("helperVersionWithReply:"), "", true, true, R"(["9.9"])", false},
+      {request("applyFirewallWithPolicyData:withReply:", {"W10="}), R"(apply "[]" 501 false)", true,
+       false, R"(["Enforcing 1 network: Lab",null])", true},
+      {request("removeFirewallWithReply:"), "remove 501 false", true, false, "[null]", true},
+      {request("firewallReportWithReply:"), "report", true, true, R"(["== pf status ==",null])",
+       false},
+      {request("createVLANWithName:tag:parentBSD:withReply:", {"Lab", -9, "en0"}),
+       R"(createVLAN "Lab" -9 "en0")", false, false, R"(["vlan0",null])", true},
+      {request("deleteVLANWithBsdName:withReply:", {"vlan0"}), R"(deleteVLAN "vlan0")", false,
+       false, "[null]", true},
+      {request("createdVLANsWithReply:"), "createdVLANs", true, true, R"(["W10=",null])", false},
+      {request("installCLISymlinkWithReply:"), "installCLISymlink", true, false, "[null]", true},
+      {request("removeCLISymlinkWithReply:"), "removeCLISymlink", true, false, "[null]", true},
       {request("pruneStaleVMInterfacesWithReply:"), "prune", true, false,
-       R"(["No vmnet interfaces.",null])"},
-      {request("setTarnlyResolverWithEnabled:withReply:", {true}), "resolver on", true, false,
-       "[null]"},
-      {request("setTarnlyResolverWithEnabled:withReply:", {false}), "resolver off", false, false,
-       "[null]"},
-      {request("shutdownForUpgradeWithReply:"), "shutdown", true, false, "[]"},
-      {request("removeFilesForUninstallWithReply:"), "uninstall", true, false, "[null,null]"},
+       R"(["No vmnet interfaces.",null])", false},
+      {request("setTarnlyResolverWithEnabled:withReply:", {true}), "resolver true", true, false,
+       "[null]", true},
+      {request("setTarnlyResolverWithEnabled:withReply:", {false}), "resolver false", false, false,
+       "[null]", true},
+      {request("shutdownForUpgradeWithReply:"), "shutdown", true, false, "[]", false},
+      {request("removeFilesForUninstallWithReply:"), "uninstall", true, false, "[null,null]",
+       false},
   };
   for (const RowCase& row : rows) {
     const std::string selector = row.request["method"];
     const HelperProtocol::Method& method = *HelperProtocol::find(selector);
+    std::vector<std::string> expectedCalls;
+    if (!row.call.empty()) expectedCalls.push_back(row.call);
     for (auto [caller, allowed] : {std::pair{kAdmin, true}, std::pair{kConsole, row.console},
                                    std::pair{kOther, row.other}}) {
       SCOPED_TRACE(selector + " from " + std::to_string(caller));
@@ -132,11 +128,10 @@ TEST_F(HelperProtocolTest, EachRowChecksItsCallerAndRepliesInItsShape) {
       json reply = send(row.request, caller)["reply"];
       EXPECT_EQ(activity, selector == "shutdownForUpgradeWithReply:" ? 0 : 1);
       if (allowed) {
-        EXPECT_EQ(calls.size(), row.call.empty() ? 0u : 1u);
+        EXPECT_EQ(calls.size(), expectedCalls.size());
         if (caller == kAdmin) {
           EXPECT_EQ(reply.dump(), row.reply);
-          EXPECT_EQ(calls, row.call.empty() ? std::vector<std::string>{}
-                                            : std::vector<std::string>{row.call});
+          EXPECT_EQ(calls, expectedCalls);
         }
         continue;
       }
@@ -146,11 +141,23 @@ TEST_F(HelperProtocolTest, EachRowChecksItsCallerAndRepliesInItsShape) {
       for (std::size_t i = 0; i < method.replyCount(); ++i) refused.push_back(nullptr);
       if (!refused.empty()) refused.back() = kRefusal;
       EXPECT_EQ(reply, refused);
-      bool adminOnly = !row.console;
       EXPECT_EQ(test.logLines().back(),
                 "Refused " + std::string(method.operation) + " for uid " + std::to_string(caller) +
-                    (adminOnly ? ": not an administrator."
-                               : ": not an administrator or the console user."));
+                    (row.console ? ": not an administrator or the console user."
+                                 : ": not an administrator."));
+    }
+    if (row.call.empty()) continue;
+    // A thrown error: its text in the error position, and the failure line where the row has one.
+    failure = "It broke.";
+    std::size_t linesBefore = test.logLines().size();
+    json reply = send(row.request, kAdmin)["reply"];
+    failure.clear();
+    EXPECT_EQ(reply.empty() ? json() : reply.back(),
+              method.replyCount() ? json("It broke.") : json());
+    if (row.logsFailure) {
+      EXPECT_EQ(test.logLines().back(), std::string(method.operation) + " failed: It broke.");
+    } else {
+      EXPECT_EQ(test.logLines().size(), linesBefore) << selector;
     }
   }
 }
@@ -163,80 +170,8 @@ TEST_F(HelperProtocolTest, FirewallRowsPassTheCallerAndAdoptLegacyForTheConsoleO
   send(request(apply, {"W10="}), kAdmin);
   console = 0;
   send(request("removeFirewallWithReply:"), 0);
-  EXPECT_THAT(calls, testing::ElementsAre("apply [] 501", "remove 502 adopt", "apply [] 501 adopt",
-                                          "remove 0 adopt"));
-}
-
-TEST_F(HelperProtocolTest, AThrownErrorIsRepliedAndLoggedForTheRowsThatLogFailures) {
-  failure = "No VLAN interface named vlan7.";
-  struct Case {
-    json request;
-    std::string reply;
-    std::string logLine;  // empty: none
-  };
-  const Case cases[] = {
-      {request("deleteVLANWithBsdName:withReply:", {"vlan7"}),
-       R"(["No VLAN interface named vlan7."])",
-       "deleteVLAN failed: No VLAN interface named vlan7."},
-      {request("applyFirewallWithPolicyData:withReply:", {""}),
-       R"([null,"No VLAN interface named vlan7."])",
-       "applyFirewall failed: No VLAN interface named vlan7."},
-      {request("setTarnlyResolverWithEnabled:withReply:", {false}),
-       R"(["No VLAN interface named vlan7."])",
-       "setTarnlyResolver failed: No VLAN interface named vlan7."},
-      {request("createdVLANsWithReply:"), R"([null,"No VLAN interface named vlan7."])", ""},
-      {request("pruneStaleVMInterfacesWithReply:"), R"([null,"No VLAN interface named vlan7."])",
-       ""},
-  };
-  for (const Case& c : cases) {
-    std::size_t linesBefore = test.logLines().size();
-    EXPECT_EQ(send(c.request, 0)["reply"].dump(), c.reply) << c.request;
-    std::vector<std::string> lines = test.logLines();
-    if (c.logLine.empty()) {
-      EXPECT_EQ(lines.size(), linesBefore) << c.request;
-    } else {
-      EXPECT_EQ(lines.back(), c.logLine);
-    }
-  }
-}
-
-TEST_F(HelperProtocolTest, MalformedRequestsGetAFaultAndRunNothing) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"{\"method\": ", "The request is not valid JSON."},
-      {"\"helperVersionWithReply:\"",
-       "The request must be a JSON object with a method name and an argument list."},
-      {R"({"method": "helperVersionWithReply:"})",
-       "The request must be a JSON object with a method name and an argument list."},
-      {R"({"method": "helperVersion", "args": []})",
-       "The helper has no method named helperVersion."},
-      {R"({"method": "deleteVLANWithBsdName:withReply:", "args": []})",
-       "deleteVLANWithBsdName:withReply: takes 1 argument, not 0."},
-      {R"({"method": "firewallReportWithReply:", "args": [null]})",
-       "firewallReportWithReply: takes 0 arguments, not 1."},
-      {R"({"method": "createVLANWithName:tag:parentBSD:withReply:", "args": ["a", 1.5, "en0"]})",
-       "Argument 2 of createVLANWithName:tag:parentBSD:withReply: must be a 64-bit integer."},
-      {R"({"method": "createVLANWithName:tag:parentBSD:withReply:",
-           "args": ["a", 9223372036854775808, "en0"]})",
-       "Argument 2 of createVLANWithName:tag:parentBSD:withReply: must be a 64-bit integer."},
-      {R"({"method": "setTarnlyResolverWithEnabled:withReply:", "args": [1]})",
-       "Argument 1 of setTarnlyResolverWithEnabled:withReply: must be true or false."},
-      {R"({"method": "applyFirewallWithPolicyData:withReply:", "args": ["W10"]})",
-       "Argument 1 of applyFirewallWithPolicyData:withReply: must be a base64 string."},
-      {R"({"method": "deleteVLANWithBsdName:withReply:", "args": [7]})",
-       "Argument 1 of deleteVLANWithBsdName:withReply: must be a string."},
-  };
-  for (const auto& [payload, fault] : cases) {
-    HelperProtocol::Response response = HelperProtocol::handle(payload, 0, service);
-    EXPECT_TRUE(response.closeAfter) << payload;
-    EXPECT_EQ(json::parse(response.payload), json({{"fault", fault}})) << payload;
-  }
-  EXPECT_TRUE(calls.empty());
-  EXPECT_EQ(activity, 0);
-  // The extreme tags pass unchanged.
-  send(request("createVLANWithName:tag:parentBSD:withReply:",
-               {"", std::numeric_limits<std::int64_t>::min(), "en0"}),
-       0);
-  EXPECT_EQ(calls.back(), "createVLAN  -9223372036854775808 en0");
+  EXPECT_THAT(calls, testing::ElementsAre(R"(apply "[]" 501 false)", "remove 502 true",
+                                          R"(apply "[]" 501 true)", "remove 0 true"));
 }
 
 }  // namespace

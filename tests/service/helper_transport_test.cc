@@ -134,6 +134,13 @@ TEST_F(HelperTransportConcurrentTest, BadInputGetsItsFaultOrIsDroppedWhileOthers
        "helperVersionWithReply: takes 0 arguments, not 1."},
       {WireFrame::encode(R"({"method":"setTarnlyResolverWithEnabled:withReply:","args":["yes"]})"),
        "Argument 1 of setTarnlyResolverWithEnabled:withReply: must be true or false."},
+      {WireFrame::encode(R"({"method":"deleteVLANWithBsdName:withReply:","args":[7]})"),
+       "Argument 1 of deleteVLANWithBsdName:withReply: must be a string."},
+      {WireFrame::encode(R"({"method":"applyFirewallWithPolicyData:withReply:","args":["W10"]})"),
+       "Argument 1 of applyFirewallWithPolicyData:withReply: must be a base64 string."},
+      {WireFrame::encode(R"({"method":"createVLANWithName:tag:parentBSD:withReply:",)"
+                         R"("args":["a",9223372036854775808,"en0"]})"),
+       "Argument 2 of createVLANWithName:tag:parentBSD:withReply: must be a 64-bit integer."},
   };
   int endedBefore = ended.count();
   for (const Case& c : cases) {
