@@ -46,88 +46,22 @@ class FirewallOperations : public EnforceTest {
   FirewallNetworkPolicy farm = network(2, "Farm", "192.168.70.0/24");
 };
 
-TEST_F(FirewallOperations, ApplyThenIdenticalApplyReloadsOnlyWhenPfWasDisabled) {
+TEST_F(FirewallOperations, ApplyReloadsOnlyWhatChangedAndKillsStatesOfChangedSubnetsOnly) {
   std::string first = apply({lab, farm}, 501);
   EXPECT_EQ(first, "Enforcing 2 networks: Lab, Farm");
   EXPECT_EQ(stored().at("501").policies, (std::vector{lab, farm}));
   EXPECT_EQ(modeOf(state("firewall-policies.json")), 0600);
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Farm (192.168.70.0/24) ---"));
   EXPECT_TRUE(pf.enabled());
-
   pf.clearInvocations();
   EXPECT_EQ(apply({lab, farm}, 501), first);
-  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing}));
+  HelperFirewall::reapplyAtBoot(host);
+  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing, kStatusInfo, kAnchorListing}));
   EXPECT_THAT(logLines(), Contains("Firewall for uid 501 unchanged; pf already runs these rules, "
                                    "so nothing was reloaded."));
-  pf.clearInvocations();
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing}));
   EXPECT_EQ(logLines().back(),
             "Boot re-apply: pf already runs these rules; nothing reloaded. Enforcing 2 networks "
             "for all users: Lab, Farm");
-
   pf.setEnabled(false);
-  pf.clearInvocations();
-  apply({lab, farm}, 501);
-  EXPECT_EQ(runsOf(anchorLoad()), 1u);
-  EXPECT_EQ(runsOf({"-E"}), 1u);
-  EXPECT_TRUE(pf.enabled());
-}
-
-TEST_F(FirewallOperations, MostRecentOwnerWinsAContestedSubnet) {
-  FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24");
-  theirs.policy.defaultInbound = FirewallRule::Action::allow;
-  apply({lab, farm}, 501);
-  EXPECT_EQ(apply({theirs}, 502),
-            "Enforcing 1 network: Their lab - 2 more for other users of this Mac");
-  EXPECT_THAT(logLines(), Contains("192.168.64.0/24 is claimed by networks of more than one "
-                                   "user; uid 501's \"Lab\" is left out for the most recently "
-                                   "applied one."));
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
-  EXPECT_THAT(anchorRules(), Not(HasSubstr("# --- Lab ")));
-  EXPECT_THAT(HelperFirewall::statusReport(host),
-              testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n192.168.70.0/24 501"));
-
-  apply({lab, farm}, 501);  // re-applying takes the subnet back
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
-  EXPECT_THAT(anchorRules(), HasSubstr("block drop out quick from any to 192.168.64.0/24"));
-  EXPECT_EQ(stored().size(), 2u);
-}
-
-TEST_F(FirewallOperations, ConsoleUserAdoptsLegacyNetworks) {
-  tree.write(kStore, document({network(9, "Old", "192.168.90.0/24")}));
-  apply({farm}, 501, false);
-  EXPECT_TRUE(stored().contains("legacy"));
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Old (192.168.90.0/24) ---"));
-
-  EXPECT_EQ(apply({farm}, 501, true), "Enforcing 1 network: Farm");
-  EXPECT_THAT(stored(), ElementsAre(testing::Key("501")));
-  EXPECT_THAT(anchorRules(), Not(HasSubstr("Old")));
-}
-
-TEST_F(FirewallOperations, RepliesForRefusedSkippedAndDisabledNetworks) {
-  // A refused network is reported after the rest is applied and saved.
-  EXPECT_EQ(applyError(document({lab, network(4, "Home", "192.168.1.0/24")}), 501),
-            "Enforcing 1 network: Lab\nNot enforced:\n- Home: 192.168.1.0/24 overlaps en0 "
-            "(192.168.1.20), one of this Mac's own networks; rules there would cut the Mac off "
-            "from it.");
-  EXPECT_EQ(stored().at("501").policies, std::vector{lab});
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
-
-  FirewallNetworkPolicy broken = lab;
-  broken.policy.rules[0].remoteCIDR = "example.com";
-  EXPECT_EQ(apply({broken}, 501), "Enforcing 1 network: Lab - 1 rule skipped");
-
-  apply({farm, network(5, "Web", "192.168.71.0/24")}, 502);
-  FirewallNetworkPolicy off = network(6, "Off", "192.168.80.0/24");
-  off.policy.enabled = false;
-  EXPECT_EQ(apply({off}, 501),
-            "None of your networks has an enabled firewall. - 2 more for other users of this Mac");
-  EXPECT_FALSE(stored().contains("501"));
-}
-
-TEST_F(FirewallOperations, ChangedRuleKillsStatesOfThatSubnetOnly) {
-  apply({lab, farm}, 501);
   for (const char* inside : {"192.168.64.10", "192.168.70.10"}) {
     pf.addState(inside, "10.1.1.1");
     pf.addState("10.1.1.1", inside);
@@ -136,44 +70,65 @@ TEST_F(FirewallOperations, ChangedRuleKillsStatesOfThatSubnetOnly) {
   FirewallNetworkPolicy changed = farm;
   changed.policy.rules[0].ports = "2222";
   apply({lab, changed}, 501);
-  EXPECT_EQ(runsOf({"-k", "192.168.70.0/24"}), 1u);
+  EXPECT_EQ(runsOf(anchorLoad()), 1u);
+  EXPECT_EQ(runsOf({"-E"}), 1u);
   EXPECT_EQ(runsOf({"-k", "0.0.0.0/0", "-k", "192.168.70.0/24"}), 1u);
   EXPECT_EQ(runsOf({"-k", "192.168.64.0/24"}), 0u);
-  EXPECT_THAT(pf.states(), testing::UnorderedElementsAre(HasSubstr("192.168.64.10"),
-                                                         HasSubstr("192.168.64.10")));
+  EXPECT_THAT(pf.states(), testing::Each(HasSubstr("192.168.64.10")));
 }
 
-TEST_F(FirewallOperations, RemovalReloadsOthersAndTheLastOwnerFlushesAndDeletesTheFiles) {
-  apply({lab}, 501);
-  apply({farm}, 502);
-  HelperFirewall::remove(host, 501, false);
-  EXPECT_THAT(stored(), ElementsAre(testing::Key("502")));
-  EXPECT_THAT(anchorRules(), Not(HasSubstr("Lab")));
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Farm"));
-  EXPECT_EQ(logLines().back(), "Removed uid 501's firewall policies; other users' stay in force.");
-
+TEST_F(FirewallOperations, MostRecentOwnerWinsLegacyIsAdoptedAndTheLastRemovalDeletesTheFiles) {
+  tree.write(kStore, document({network(9, "Old", "192.168.90.0/24")}));
+  FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24");
+  theirs.policy.defaultInbound = FirewallRule::Action::allow;
+  apply({lab, farm}, 501);
+  EXPECT_TRUE(stored().contains("legacy"));
+  EXPECT_EQ(apply({theirs}, 502, true),
+            "Enforcing 1 network: Their lab - 2 more for other users of this Mac");
+  EXPECT_FALSE(stored().contains("legacy"));
+  EXPECT_THAT(logLines(), Contains("192.168.64.0/24 is claimed by networks of more than one "
+                                   "user; uid 501's \"Lab\" is left out for the most recently "
+                                   "applied one."));
+  EXPECT_THAT(anchorRules(), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
+  EXPECT_THAT(anchorRules(), Not(HasSubstr("# --- Lab ")));
+  EXPECT_THAT(HelperFirewall::statusReport(host),
+              testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n192.168.70.0/24 501"));
   HelperFirewall::remove(host, 502, false);
+  EXPECT_THAT(stored(), ElementsAre(testing::Key("501")));
+  EXPECT_THAT(anchorRules(), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
+  EXPECT_EQ(logLines().back(), "Removed uid 502's firewall policies; other users' stay in force.");
+  HelperFirewall::remove(host, 501, false);
   for (const char* file : {"firewall-policies.json", "firewall.pf.conf", "firewall-loaded.json"}) {
     EXPECT_FALSE(pathExists(state(file))) << file;
   }
   EXPECT_EQ(runsOf({"-a", kAnchor, "-F", "rules"}), 1u);
   EXPECT_TRUE(anchorRules().empty());
   EXPECT_EQ(logLines().back(), "Removed firewall enforcement.");
-  EXPECT_TRUE(pf.enabled());
 }
 
-TEST_F(FirewallOperations, UndecodableDataAndFailedLoadsKeepTheStore) {
-  apply({farm}, 502);
+TEST_F(FirewallOperations, RepliesForRefusedSkippedAndDisabledNetworksAndFailuresKeepTheStore) {
+  // A refused network is reported after the rest is applied and saved.
+  EXPECT_EQ(applyError(document({lab, network(4, "Home", "192.168.1.0/24")}), 501),
+            "Enforcing 1 network: Lab\nNot enforced:\n- Home: 192.168.1.0/24 overlaps en0 "
+            "(192.168.1.20), one of this Mac's own networks; rules there would cut the Mac off "
+            "from it.");
+  EXPECT_EQ(stored().at("501").policies, std::vector{lab});
+  FirewallNetworkPolicy broken = lab;
+  broken.policy.rules[0].remoteCIDR = "example.com";
+  EXPECT_EQ(apply({broken}, 501), "Enforcing 1 network: Lab - 1 rule skipped");
+  apply({farm, network(5, "Web", "192.168.71.0/24")}, 502);
+  FirewallNetworkPolicy off = network(6, "Off", "192.168.80.0/24");
+  off.policy.enabled = false;
+  EXPECT_EQ(apply({off}, 501),
+            "None of your networks has an enabled firewall. - 2 more for other users of this Mac");
+  EXPECT_FALSE(stored().contains("501"));
+
   apply({lab}, 501);
   std::string store = storeText();
   pf.clearInvocations();
-  const std::string prefix = "Could not read the firewall policy: ";
-  std::string error = applyError("{\"not\": \"an array\"}", 501);
-  EXPECT_THAT(error, StartsWith(prefix));
-  EXPECT_GT(error.size(), prefix.size());
-  EXPECT_THAT(applyError("", 501), StartsWith(prefix));
+  EXPECT_THAT(applyError("{\"not\": \"an array\"}", 501),
+              StartsWith("Could not read the firewall policy: the document: "));
   EXPECT_TRUE(pf.invocations().empty());
-
   pf.failNextLoads(6);
   EXPECT_THAT(applyError(document({lab, farm}), 501), StartsWith("pfctl rejected the ruleset: "));
   pf.failNextLoads(6);
@@ -187,24 +142,18 @@ TEST_F(FirewallOperations, StatusReportSections) {
       "anchor \"com.apple/*\" all\n");
   std::string report = HelperFirewall::statusReport(host);
   EXPECT_THAT(report, StartsWith("== pf status ==\nStatus: Disabled"));
-  EXPECT_THAT(report, testing::EndsWith("\n\n== main ruleset anchors ==\n"
-                                        "scrub-anchor \"com.apple/*\" all fragment reassemble\n"
-                                        "anchor \"com.apple/*\" all\n\n"
-                                        "== com.apple/900.tarnly.firewall ==\n"
-                                        "(anchor is empty - nothing enforced)\n\n"
-                                        "== subnet owners ==\n(none)"));
-
+  EXPECT_THAT(report, testing::EndsWith(
+                          "\n\n== main ruleset anchors ==\n"
+                          "scrub-anchor \"com.apple/*\" all fragment reassemble\n"
+                          "anchor \"com.apple/*\" all\n\n== com.apple/900.tarnly.firewall ==\n"
+                          "(anchor is empty - nothing enforced)\n\n== subnet owners ==\n(none)"));
   pf.setMainRuleset("pass all\n");
   apply({lab}, 501);
-  pf.clearInvocations();
   report = HelperFirewall::statusReport(host);
   EXPECT_THAT(report, HasSubstr("== main ruleset anchors ==\n"
                                 "(none - the main ruleset evaluates no anchors)\n"));
   EXPECT_THAT(report, HasSubstr("== com.apple/900.tarnly.firewall ==\n"
                                 "block drop quick on bridge100 inet6 all\n  [ Evaluations: "));
-  EXPECT_THAT(report, HasSubstr("pass out quick proto tcp from any to 192.168.64.0/24 port = 22 "));
-  EXPECT_THAT(report, testing::EndsWith("== subnet owners ==\n192.168.64.0/24 501"));
-  EXPECT_EQ(runsOf({"-a", kAnchor, "-v", "-sr"}), 1u);
 }
 
 TEST_F(FirewallOperations, ReapplyWithoutOrWithAnUndecodableStoreLeavesPfAlone) {
@@ -284,19 +233,16 @@ TEST_F(FirewallOperations, ReapplyAfterAFlushReloadsReportsRefusalsAndLogsFailur
 
 TEST_F(FirewallOperations, ConcurrentAppliesOfEightUsersAllEndInTheStore) {
   std::vector<std::thread> threads;
-  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([this, i] {
-      apply({network(100 + i, "Net " + std::to_string(i),
-                     "192.168." + std::to_string(100 + i) + ".0/24")},
-            600 + i);
+      std::string n = std::to_string(100 + i);
+      apply({network(100 + i, "Net " + n, "192.168." + n + ".0/24")}, 600 + i);
     });
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(stored().size(), 8u);
   for (int i = 0; i < 8; ++i) {
-    EXPECT_TRUE(stored().contains(std::to_string(600 + i))) << i;
-    EXPECT_THAT(anchorRules(), HasSubstr("# --- Net " + std::to_string(i) + " ("));
+    EXPECT_THAT(anchorRules(), HasSubstr("# --- Net " + std::to_string(100 + i) + " ("));
   }
 }
 

@@ -40,9 +40,14 @@ class UninstallCleanupTest : public ::testing::Test {
 };
 
 TEST_F(UninstallCleanupTest, EmptyOrUndecodableVLANRecordAndLeftoversGoWithTheDirectory) {
-  EXPECT_EQ(
-      cleanUp({{"vlans.json", "[]"}, {"pf.conf.before-tarnly-cleanup", "x"}, {".DS_Store", ""}}),
-      std::nullopt);
+  // Temporary files a crash left, the kept unreadable store and the lock file go too.
+  EXPECT_EQ(cleanUp({{"vlans.json", "[]"},
+                     {"pf.conf.before-tarnly-cleanup", "x"},
+                     {".DS_Store", ""},
+                     {"firewall-policies.json.unreadable", "{"},
+                     {".vlans.json.tmp-0123456789ab", "["},
+                     {".firewall.lock", ""}}),
+            std::nullopt);
   EXPECT_FALSE(exists("state"));
   EXPECT_EQ(cleanUp({{"vlans.json", "{\"bsdName\": tru"}}), std::nullopt);
   EXPECT_FALSE(exists("state"));
@@ -54,6 +59,7 @@ TEST_F(UninstallCleanupTest, FilesStillInUseStayAndAreExplainedInOrder) {
   EXPECT_TRUE(exists("state/firewall-policies.json") && exists("state/firewall.pf.conf"));
   EXPECT_EQ(cleanUp({{"vlans.json", R"([{"bsdName":"vlan0","tag":42,"parentBSD":"en0"}])"},
                      {"notes.txt", "mine"},
+                     {".firewall.lock", ""},
                      {".DS_Store", ""}}),
             "firewall rules another account on this Mac still uses, the list of VLANs Tarnly "
             "created, which lets a later install remove them, and notes.txt");
