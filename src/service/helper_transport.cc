@@ -2,14 +2,50 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "service/wire_frame.h"
+
+namespace {
+
+HelperProtocol::Response fault(const std::string& sentence) {
+  return {HelperProtocol::faultPayload(sentence), true};
+}
+
+// Sets how long a read on `fd` may wait for data; zero waits for ever.
+void setReceiveTimeout(int fd, std::chrono::seconds timeout) {
+  struct timeval value {};
+  value.tv_sec = static_cast<time_t>(timeout.count());
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
+}
+
+// Raises the soft descriptor limit to the hard one; the connections it leaves room for.
+std::size_t connectionsTheDescriptorsAllow() {
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return HelperTransport::kMaxConnections;
+  if (limit.rlim_cur < limit.rlim_max) {
+    rlim_t wanted = limit.rlim_max;
+    limit.rlim_cur = wanted;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::getrlimit(RLIMIT_NOFILE, &limit);
+  }
+  if (limit.rlim_cur == RLIM_INFINITY) return HelperTransport::kMaxConnections;
+  rlim_t usable = limit.rlim_cur > HelperTransport::kReservedDescriptors
+                      ? limit.rlim_cur - HelperTransport::kReservedDescriptors
+                      : 0;
+  return static_cast<std::size_t>(std::max<rlim_t>(1, usable / 2));
+}
+
+}  // namespace
 
 HelperTransport::HelperTransport(int listeningFd, PeerFilter accepts, Handler handler,
                                  Events events, HelperLog& log)
@@ -31,6 +67,7 @@ HelperTransport::~HelperTransport() {
 
 void HelperTransport::serve() {
   if (listeningFd_ < 0 || wakeFds_[0] < 0) return;
+  connectionLimit_ = std::min(kMaxConnections, connectionsTheDescriptorsAllow());
   while (true) {
     struct pollfd fds[2] = {{listeningFd_, POLLIN, 0}, {wakeFds_[0], POLLIN, 0}};
     if (::poll(fds, 2, -1) < 0) {
@@ -52,13 +89,13 @@ void HelperTransport::serve() {
       ::close(fd);
       return;
     }
-    if (open_.size() >= kMaxConnections) {
+    if (open_.size() >= connectionLimit_) {
       bool log = !loggedLimit_;
       loggedLimit_ = true;
       guard.unlock();
       ::close(fd);
       if (log) {
-        log_.write("Refused a connection: " + std::to_string(kMaxConnections) +
+        log_.write("Refused a connection: " + std::to_string(connectionLimit_) +
                    " connections are open already.");
       }
       continue;
@@ -67,9 +104,30 @@ void HelperTransport::serve() {
     ++running_;
     guard.unlock();
     if (events_.connectionAccepted) events_.connectionAccepted();
-    try {
-      std::thread([this, fd] { serveConnection(fd); }).detach();
-    } catch (const std::system_error&) {
+    // A detached thread with a small stack; it owns its start record.
+    struct Start {
+      HelperTransport* transport;
+      int fd;
+    };
+    auto* start = new Start{this, fd};
+    pthread_attr_t attributes;
+    pthread_t thread;
+    int created = ::pthread_attr_init(&attributes);
+    if (created == 0) {
+      ::pthread_attr_setstacksize(&attributes, kThreadStackBytes);
+      ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+      created = ::pthread_create(
+          &thread, &attributes,
+          [](void* argument) -> void* {
+            std::unique_ptr<Start> own(static_cast<Start*>(argument));
+            own->transport->serveConnection(own->fd);
+            return nullptr;
+          },
+          start);
+      ::pthread_attr_destroy(&attributes);
+    }
+    if (created != 0) {
+      delete start;
       guard.lock();
       open_.erase(fd);
       ::close(fd);
@@ -83,21 +141,35 @@ void HelperTransport::serve() {
 }
 
 void HelperTransport::serveConnection(int fd) {
+  using Status = WireFrame::ReadResult::Status;
   if (std::optional<PeerProcess> peer = PeerProcess::ofSocket(fd)) {
     while (true) {
-      WireFrame::ReadResult request = WireFrame::read(fd);
-      using Status = WireFrame::ReadResult::Status;
-      if (request.status != Status::frame && request.status != Status::oversized) break;
+      WireFrame::Header header = WireFrame::readHeader(fd);
+      if (header.status != Status::frame && header.status != Status::oversized) break;
       if (!accepts_(*peer)) break;
+      std::size_t reserved =
+          header.status == Status::frame && header.size > kSmallFrame ? header.size : 0;
       HelperProtocol::Response response;
-      try {
-        response = request.status == Status::oversized
-                       ? HelperProtocol::Response{HelperProtocol::faultPayload(
-                                                      "The request is larger than 16 MiB."),
-                                                  true}
-                       : handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
-      } catch (const std::exception&) {
-        break;  // out of memory or the like: this connection ends, the helper goes on
+      if (header.status == Status::oversized) {
+        response = fault("The request is larger than 16 MiB.");
+      } else if (reserved > 0 && !reserve(reserved)) {
+        response = fault("The helper is busy with other large requests; try again.");
+      } else {
+        if (reserved > 0) setReceiveTimeout(fd, kBodyStall);
+        WireFrame::ReadResult request = WireFrame::readBody(fd, header.size);
+        if (reserved > 0) setReceiveTimeout(fd, std::chrono::seconds(0));
+        bool answered = false;
+        if (request.status == Status::frame) {
+          try {
+            response = handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
+            answered = true;
+          } catch (const std::exception&) {
+            // out of memory or the like: this connection ends, the helper goes on
+          }
+        }
+        request = {};  // the frame's bytes go before its share of the budget
+        release(reserved);
+        if (!answered) break;
       }
       if (!WireFrame::write(fd, response.payload) || response.closeAfter) break;
     }
@@ -105,7 +177,7 @@ void HelperTransport::serveConnection(int fd) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     open_.erase(fd);
-    if (open_.size() < kMaxConnections) loggedLimit_ = false;
+    if (open_.size() < connectionLimit_) loggedLimit_ = false;
     ::close(fd);
   }
   if (events_.connectionEnded) events_.connectionEnded();
@@ -116,9 +188,26 @@ void HelperTransport::serveConnection(int fd) {
   finished_.notify_all();
 }
 
+bool HelperTransport::reserve(std::size_t size) {
+  std::unique_lock<std::mutex> guard(lock_);
+  bool granted = budgetFreed_.wait_for(
+      guard, kBudgetWait, [&] { return stopping_ || budgetUsed_ + size <= kFrameBudget; });
+  if (!granted || stopping_) return false;
+  budgetUsed_ += size;
+  return true;
+}
+
+void HelperTransport::release(std::size_t size) {
+  if (size == 0) return;
+  std::lock_guard<std::mutex> guard(lock_);
+  budgetUsed_ -= size;
+  budgetFreed_.notify_all();
+}
+
 void HelperTransport::stop() {
   std::unique_lock<std::mutex> guard(lock_);
   stopping_ = true;
+  budgetFreed_.notify_all();
   if (wakeFds_[1] >= 0) {
     char byte = 0;
     (void)!::write(wakeFds_[1], &byte, 1);

@@ -59,34 +59,35 @@ bool write(int fd, std::string_view payload) {
   return true;
 }
 
-ReadResult read(int fd) {
-  ReadResult result;
+Header readHeader(int fd) {
+  Header result;
   unsigned char header[4];
   ssize_t got = readFully(fd, reinterpret_cast<char*>(header), sizeof header);
   if (got < 0) return result;
-  if (got == 0) {
-    result.status = ReadResult::Status::closed;
-    return result;
-  }
   if (got < 4) {
-    result.status = ReadResult::Status::truncated;
+    result.status = got == 0 ? ReadResult::Status::closed : ReadResult::Status::truncated;
     return result;
   }
-  std::uint32_t size = static_cast<std::uint32_t>(header[0]) << 24 |
-                       static_cast<std::uint32_t>(header[1]) << 16 |
-                       static_cast<std::uint32_t>(header[2]) << 8 | header[3];
-  if (size > kMaxFrame) {
-    result.status = ReadResult::Status::oversized;
-    return result;
-  }
+  result.size = static_cast<std::uint32_t>(header[0]) << 24 |
+                static_cast<std::uint32_t>(header[1]) << 16 |
+                static_cast<std::uint32_t>(header[2]) << 8 | header[3];
+  result.status =
+      result.size > kMaxFrame ? ReadResult::Status::oversized : ReadResult::Status::frame;
+  return result;
+}
+
+ReadResult readBody(int fd, std::uint32_t size) {
+  ReadResult result;
   // The body is taken in pieces as it arrives, so an announced length costs memory only once
-  // its bytes are actually sent.
+  // its bytes are actually sent: the reserved pages are touched as the pieces land, and never
+  // copied to a larger buffer.
   constexpr std::size_t kPiece = std::size_t{64} * 1024;
+  result.payload.reserve(size);
   while (result.payload.size() < size) {
     std::size_t have = result.payload.size();
     std::size_t want = std::min<std::size_t>(kPiece, size - have);
     result.payload.resize(have + want);
-    got = readFully(fd, result.payload.data() + have, want);
+    ssize_t got = readFully(fd, result.payload.data() + have, want);
     if (got < 0 || static_cast<std::size_t>(got) < want) {
       result.payload.clear();
       if (got >= 0) result.status = ReadResult::Status::truncated;
@@ -95,6 +96,16 @@ ReadResult read(int fd) {
   }
   result.status = ReadResult::Status::frame;
   return result;
+}
+
+ReadResult read(int fd) {
+  Header header = readHeader(fd);
+  if (header.status != ReadResult::Status::frame) {
+    ReadResult result;
+    result.status = header.status;
+    return result;
+  }
+  return readBody(fd, header.size);
 }
 
 }  // namespace WireFrame

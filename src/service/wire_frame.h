@@ -35,4 +35,15 @@ struct ReadResult {
 // Reads one frame from `fd`, blocking until it is complete; retries after interruptions.
 ReadResult read(int fd);
 
+// The two halves of read(), for a reader that decides between them (for example whether it can
+// hold the body). readHeader reads the 4 bytes of the header: status frame with the announced
+// size in `size`, or closed, truncated, oversized or failed. readBody then reads those `size`
+// bytes: frame, truncated or failed (a read error, including a receive timeout set on `fd`).
+struct Header {
+  ReadResult::Status status = ReadResult::Status::failed;
+  std::uint32_t size = 0;
+};
+Header readHeader(int fd);
+ReadResult readBody(int fd, std::uint32_t size);
+
 }  // namespace WireFrame

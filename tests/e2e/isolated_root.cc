@@ -10,7 +10,7 @@ namespace {
 
 // Builds the root and runs the inner script in it; its own status is the inner script's.
 constexpr const char* kOuterScript = R"sh(set -eu
-inner=$1 pfctl=$2 helper=$3 client=$4
+inner=$1 pfctl=$2 helper=$3 client=$4 driver=$5
 top=$(mktemp -d /tmp/tarnly-root-XXXXXX)
 mount -t tmpfs tmpfs "$top"
 mkdir -p "$top/upper" "$top/work" "$top/root"
@@ -25,6 +25,7 @@ contents=$root/Applications/Tarnly.app/Contents
 install -d -m 0755 "$contents/Helpers" "$contents/MacOS"
 install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper"
 [ -n "$client" ] && install -m 0755 "$client" "$contents/MacOS/Tarnly"
+[ -n "$driver" ] && install -m 0755 "$driver" "$contents/Helpers/TarnlyService"
 install -d -m 0755 "$root/sbin" "$root/usr/bin" "$root/var/lib/fakes"
 install -m 0755 "$pfctl" "$root/sbin/pfctl"
 # Fakes of the macOS tools: each records its arguments, one run a line.
@@ -60,6 +61,7 @@ exit $status
 constexpr const char* kPrelude = R"sh(set -u
 HELPER=/Applications/Tarnly.app/Contents/Helpers/TarnlyAdminHelper
 CTL=/Applications/Tarnly.app/Contents/MacOS/Tarnly
+DRIVER=/Applications/Tarnly.app/Contents/Helpers/TarnlyService
 LOG=/var/log/tarnly-adminhelper.log
 HELPER_PID=
 trap '[ -n "$HELPER_PID" ] && kill -9 $HELPER_PID 2>/dev/null' EXIT
@@ -106,9 +108,14 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl,
 #else
   const char* client = "";
 #endif
+#ifdef TARNLY_E2E_DRIVER_PATH
+  const char* driver = TARNLY_E2E_DRIVER_PATH;
+#else
+  const char* driver = "";
+#endif
   std::vector<std::string> command = launcher;
   command.insert(command.end(), {"/usr/bin/unshare", "--mount", "--net", "--propagation", "private",
-                                 "/bin/sh", outer, inner, pfctl, TARNLY_HELPER_PATH, client});
+                                 "/bin/sh", outer, inner, pfctl, TARNLY_HELPER_PATH, client, driver});
   return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
 }
 

@@ -2,7 +2,8 @@
 // into an overlay of "/" whose changes live on a tmpfs, so the unmodified helper can use its real
 // fixed paths (/Library, /etc, /run, /usr/local, /var/log) without touching the host. Inside, a
 // test bundle /Applications/Tarnly.app holds copies of the built helper (Contents/Helpers) and of
-// tarnly-helperctl as the application (Contents/MacOS/Tarnly); the pf simulator is /sbin/pfctl and
+// tarnly-helperctl as the application (Contents/MacOS/Tarnly) and of the end-to-end driver as the
+// companion service (Contents/Helpers/TarnlyService); the pf simulator is /sbin/pfctl and
 // fake /sbin/ifconfig and /usr/bin/pgrep print macOS listings and record their runs.
 #pragma once
 
@@ -20,6 +21,7 @@ std::string unavailableReason();
 // `pfctl` (the simulator unless another program is named) installed at /sbin/pfctl; the build
 // tree stays reachable at its own path. Returns what the script printed and its status.
 //   $HELPER, $CTL, $LOG          the bundle's helper, the bundle's client, the helper's log
+//   $DRIVER                      the bundle's companion service: the end-to-end driver
 //   start_helper                 starts the helper in service mode in the background ($HELPER_PID)
 //                                and waits, with a bound, for its new start line in the log
 //   ctl ARGS...                  runs the bundle's client; prints its output, then "exit=<status>"

@@ -176,6 +176,8 @@ std::string statusReport(const FirewallHost& host) {
 
 void reapplyAtBoot(const FirewallHost& host) {
   const HelperEnvironment& env = host.env;
+  // Temporary files that a killed process left behind go first: a write in progress keeps its own.
+  removeLeftoverTemporaryFiles(env.paths.stateDirectory);
   // Nothing stored: nothing to do, and no trace left (not even the lock file).
   if (!pathExists(env.paths.state(kStoreFile))) return;
   // The store is read under the lock, so that an apply of another process that ran meanwhile is

@@ -40,7 +40,8 @@ void remove(const HelperEnvironment& env, unsigned int uid, bool adoptLegacy);
 std::string statusReport(const FirewallHost& host);
 std::string statusReport(const HelperEnvironment& env);
 
-// Loads the stored firewall at start. Never fails: problems go to the log.
+// Loads the stored firewall at start, after removing the temporary files a killed process left in
+// the state folder. Never fails: problems go to the log.
 void reapplyAtBoot(const FirewallHost& host);
 void reapplyAtBoot(const HelperEnvironment& env);
 
