@@ -84,6 +84,13 @@ int bindServiceSocket(const std::string& path, std::string& error) {
 int openServiceSocket(const std::string& path, std::string& error) {
   // sd_listen_fds checks LISTEN_PID against this process, clears the variables and marks the
   // descriptors close-on-exec.
-  if (sd_listen_fds(1) == 1) return SD_LISTEN_FDS_START;
+  if (sd_listen_fds(1) == 1) {
+    if (sd_is_socket_unix(SD_LISTEN_FDS_START, SOCK_STREAM, 1, nullptr, 0) > 0) {
+      return SD_LISTEN_FDS_START;
+    }
+    error = "Could not listen on " + path +
+            ": the socket systemd passed is not a listening stream socket.";
+    return -1;
+  }
   return bindServiceSocket(path, error);
 }

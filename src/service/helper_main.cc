@@ -1,5 +1,7 @@
 #include "service/helper_main.h"
 
+#include <unistd.h>
+
 #include <string_view>
 
 #include "firewall/enforce/firewall_operations.h"
@@ -59,7 +61,10 @@ int runService(const HelperEnvironment& env) {
       {[listener] { listener->connectionAccepted(); }, [listener] { listener->connectionEnded(); }},
       env.log);
   listener->listen([&transport] { transport.serve(); });
-  return 1;
+  // Serving only ends when the socket broke. Exit at once, as the helper's other exits do: no
+  // destructor may run under the connection and timer threads.
+  env.log.write("Stopped serving " + env.paths.socketPath + ".");
+  ::_exit(1);
 }
 
 }  // namespace HelperCommandLine

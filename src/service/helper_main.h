@@ -23,7 +23,8 @@ int run(const std::vector<std::string>& arguments, uid_t realUid, const Firewall
 
 // The service: opens the listening socket (a log line and status 1 when it cannot), builds the
 // listener, the peer check, the protocol with the real operations and the transport, and listens.
-// Returns only when serving could not start.
+// Returns only when serving could not start; should serving end later (a broken socket), it logs
+// "Stopped serving <socket path>." and ends the process with status 1.
 int runService(const HelperEnvironment& env);
 
 }  // namespace HelperCommandLine

@@ -81,8 +81,10 @@ void HelperTransport::serve() {
       // Out of descriptors or memory: give the open connections a moment to end.
       if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        continue;
       }
-      continue;
+      if (errno == EINTR || errno == ECONNABORTED || errno == EAGAIN || errno == EPROTO) continue;
+      return;  // the socket itself is broken; retrying would only spin
     }
     std::unique_lock<std::mutex> guard(lock_);
     if (stopping_) {
@@ -142,38 +144,45 @@ void HelperTransport::serve() {
 
 void HelperTransport::serveConnection(int fd) {
   using Status = WireFrame::ReadResult::Status;
-  if (std::optional<PeerProcess> peer = PeerProcess::ofSocket(fd)) {
-    while (true) {
-      WireFrame::Header header = WireFrame::readHeader(fd);
-      if (header.status != Status::frame && header.status != Status::oversized) break;
-      if (!accepts_(*peer)) break;
-      std::size_t reserved =
-          header.status == Status::frame && header.size > kSmallFrame ? header.size : 0;
-      HelperProtocol::Response response;
-      if (header.status == Status::oversized) {
-        response = fault("The request is larger than 16 MiB.");
-      } else if (reserved > 0 && !reserve(reserved)) {
-        response = fault("The helper is busy with other large requests; try again.");
-      } else {
-        if (reserved > 0) setReceiveTimeout(fd, kBodyStall);
-        WireFrame::ReadResult request = WireFrame::readBody(fd, header.size);
-        if (reserved > 0) setReceiveTimeout(fd, std::chrono::seconds(0));
-        bool answered = false;
-        if (request.status == Status::frame) {
+  std::optional<PeerProcess> peer = PeerProcess::ofSocket(fd);
+  // A peer that is none of the bundle's programs goes at once, before a byte of it is read, so it
+  // never holds a connection, a thread or buffered bytes.
+  if (peer && !accepts_(*peer)) peer.reset();
+  // Nothing a peer sends may end the helper: a failure here (out of memory, say) ends this
+  // connection alone.
+  if (peer) try {
+      while (true) {
+        WireFrame::Header header = WireFrame::readHeader(fd);
+        if (header.status != Status::frame && header.status != Status::oversized) break;
+        if (!accepts_(*peer)) break;
+        std::size_t reserved =
+            header.status == Status::frame && header.size > kSmallFrame ? header.size : 0;
+        HelperProtocol::Response response;
+        if (header.status == Status::oversized) {
+          response = fault("The request is larger than 16 MiB.");
+        } else if (reserved > 0 && !reserve(reserved)) {
+          response = fault("The helper is busy with other large requests; try again.");
+        } else {
+          if (reserved > 0) setReceiveTimeout(fd, kBodyStall);
+          bool answered = false;
           try {
-            response = handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
-            answered = true;
+            WireFrame::ReadResult request = WireFrame::readBody(fd, header.size);
+            if (reserved > 0) setReceiveTimeout(fd, std::chrono::seconds(0));
+            if (request.status == Status::frame) {
+              response = handler_(request.payload, static_cast<std::uint32_t>(peer->uid()));
+              answered = true;
+            }
           } catch (const std::exception&) {
             // out of memory or the like: this connection ends, the helper goes on
           }
+          // The frame's bytes are gone by now, before its share of the budget.
+          release(reserved);
+          if (!answered) break;
         }
-        request = {};  // the frame's bytes go before its share of the budget
-        release(reserved);
-        if (!answered) break;
+        if (!WireFrame::write(fd, response.payload) || response.closeAfter) break;
       }
-      if (!WireFrame::write(fd, response.payload) || response.closeAfter) break;
+    } catch (const std::exception&) {
     }
-  }
   {
     std::lock_guard<std::mutex> guard(lock_);
     open_.erase(fd);
