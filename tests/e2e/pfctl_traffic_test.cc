@@ -125,6 +125,10 @@ const std::string kSecond = policy("deny",
                                        rule(2, "outbound", "allow", "icmp", "10.77.0.2", ""),
                                    true);
 
+// The first with tcp 8022 inbound only: the network changes while its outbound stays allowed.
+const std::string kThird =
+    policy("allow", rule(1, "inbound", "allow", "tcp", "any", "8022"), false);
+
 class PfctlTraffic : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -139,7 +143,8 @@ class PfctlTraffic : public ::testing::Test {
   static std::map<std::string, std::string> run(const std::string& scenario) {
     std::string script = std::string("mkdir -p /tmp/lab\ncat > /tmp/lab/probe.py <<'EOF'\n") +
                          kProbe + "EOF\ncat > /tmp/first.json <<'EOF'\n" + kFirst +
-                         "\nEOF\ncat > /tmp/second.json <<'EOF'\n" + kSecond + "\nEOF\n" + kLab +
+                         "\nEOF\ncat > /tmp/second.json <<'EOF'\n" + kSecond +
+                         "\nEOF\ncat > /tmp/third.json <<'EOF'\n" + kThird + "\nEOF\n" + kLab +
                          scenario;
     HelperCommand::Result result = IsolatedRoot::run(script, TARNLY_PFCTL_PATH);
     EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
@@ -192,6 +197,16 @@ probe reloaded.default lan tcp 192.168.64.2 8023; probe reloaded.rule lan tcp 19
   EXPECT_EQ(found["unchanged"], "-si;-a com.apple/900.tarnly.firewall -sr;");
   EXPECT_EQ(found["flushed"] + found["loads"] + found["reloaded.default"] + found["reloaded.rule"],
             "open1blockedopen");
+}
+
+// A mid-stream packet of a killed connection creates no state, as in pf: the connection ends
+// while new ones to the same place still open.
+TEST_F(PfctlTraffic, StatesKilledByAChangeStayGoneUnderARuleThatStillPasses) {
+  std::map<std::string, std::string> found = run(R"sh(
+apply /tmp/first.json; hold vm 10.77.0.2 7000; say held.first
+apply /tmp/third.json; say held.third; probe fresh vm tcp 10.77.0.2 7000
+)sh");
+  EXPECT_EQ(found["held.first"] + found["held.third"] + found["fresh"], "opencutopen");
 }
 
 }  // namespace

@@ -14,6 +14,12 @@ namespace {
 // Rule comments hold "<index> <rule text>"; the kernel keeps at most this many bytes.
 constexpr size_t maximumCommentLength = 128;
 
+// The connection mark bit of a state pf keeps: set by the pass rule that passes a connection's
+// first packet (pf keeps state by default). Only marked connections pass as known ones, so a
+// connection the kernel picks up again mid-stream after a state kill, whose packets no rule
+// passes, meets the rules again at every packet, replies included.
+const std::string keptStateMark = "0x00100000";
+
 const std::string tablePrefix = std::string("inet ") + nftTableName + " ";
 
 std::string dotted(uint32_t address) {
@@ -119,23 +125,30 @@ std::string portMatch(const std::string& protocol, const char* field,
   return text;
 }
 
-// The body of one kernel rule for a pf rule in a direction ("in" or "out").
-std::string ruleBody(const PfRule& rule, const std::string& direction, size_t index) {
-  std::string body;
-  if (rule.inet6) body += " meta nfproto ipv6";
+// The bodies of the kernel rules for a pf rule in a direction ("in" or "out"), all with the rule's
+// comment, so a listing reads them back as the one rule.
+std::vector<std::string> ruleBodies(const PfRule& rule, const std::string& direction,
+                                    size_t index) {
+  std::string match;
+  if (rule.inet6) match += " meta nfproto ipv6";
   if (!rule.interface.empty()) {
-    body += (direction == "in" ? " iifname \"" : " oifname \"") + rule.interface + "\"";
+    match += (direction == "in" ? " iifname \"" : " oifname \"") + rule.interface + "\"";
   }
-  if (!rule.protocol.empty()) body += " meta l4proto " + rule.protocol;
-  body += addressMatch("saddr", rule.from.addresses, index);
-  body += addressMatch("daddr", rule.to.addresses, index);
-  body += portMatch(rule.protocol, "sport", rule.from.port);
-  body += portMatch(rule.protocol, "dport", rule.to.port);
-  // pf passes tcp with `flags S/SA`: only a connection's first packet creates its state.
-  if (rule.pass && rule.protocol == "tcp") body += " tcp flags & (syn | ack) == syn";
-  body += rule.pass ? " counter accept" : " counter drop";
-  body += " comment \"" + comment(index, rule) + "\"";
-  return body;
+  if (!rule.protocol.empty()) match += " meta l4proto " + rule.protocol;
+  match += addressMatch("saddr", rule.from.addresses, index);
+  match += addressMatch("daddr", rule.to.addresses, index);
+  match += portMatch(rule.protocol, "sport", rule.from.port);
+  match += portMatch(rule.protocol, "dport", rule.to.port);
+  std::string verdict =
+      rule.pass ? " counter ct mark set ct mark | " + keptStateMark + " accept" : " counter drop";
+  verdict += " comment \"" + comment(index, rule) + "\"";
+  // pf passes tcp with `flags S/SA`, also under a rule without a protocol: only a connection's
+  // first packet matches, so a mid-stream packet never creates a state. The rule's other
+  // protocols pass in a kernel rule of their own.
+  const std::string firstPacket = " tcp flags & (syn | ack) == syn";
+  if (!rule.pass || (!rule.protocol.empty() && rule.protocol != "tcp")) return {match + verdict};
+  if (rule.protocol == "tcp") return {match + firstPacket + verdict};
+  return {match + " meta l4proto != tcp" + verdict, match + firstPacket + verdict};
 }
 
 struct Numbered {
@@ -228,8 +241,9 @@ class DirectionWriter {
 
  private:
   void addRule(const std::string& chain, const Numbered& numbered) {
-    rules_.append("add rule ").append(tablePrefix).append(chain);
-    rules_.append(ruleBody(*numbered.rule, direction_, numbered.index)).append("\n");
+    for (const std::string& body : ruleBodies(*numbered.rule, direction_, numbered.index)) {
+      rules_.append("add rule ").append(tablePrefix).append(chain).append(body).append("\n");
+    }
   }
 
   // One chain per group, and in the entry chain a verdict map on `match` jumping to them.
@@ -242,8 +256,10 @@ class DirectionWriter {
       std::string chain = prefix + std::to_string(i) + "_" + direction_;
       chains_.append("add chain ").append(tablePrefix).append(chain).append("\n");
       for (const Numbered& rule : groups[i].rules) {
-        body.append("add rule ").append(tablePrefix).append(chain);
-        body.append(ruleBody(*rule.rule, direction_, rule.index)).append("\n");
+        for (const std::string& kernelRule : ruleBodies(*rule.rule, direction_, rule.index)) {
+          body.append("add rule ").append(tablePrefix).append(chain).append(kernelRule);
+          body.append("\n");
+        }
       }
       rules_.append(i == 0 ? " " : ", ").append(groups[i].key).append(" : jump ").append(chain);
     }
@@ -263,9 +279,10 @@ std::string baseChains() {
     const char* hook = direction == "in" ? "prerouting" : "postrouting";
     script.append("add chain ").append(tablePrefix).append(chain).append(" { type filter hook ");
     script.append(hook).append(" priority filter; policy accept; }\n");
-    // pf's keep state: packets of known connections pass before any rule.
+    // pf's keep state: packets of the connections its rules keep pass before any rule.
     script.append("add rule ").append(tablePrefix).append(chain);
-    script.append(" ct state established,related accept\n");
+    script.append(" ct state established,related ct mark & ").append(keptStateMark);
+    script.append(" == ").append(keptStateMark).append(" accept\n");
     script.append("add rule ").append(tablePrefix).append(chain);
     script.append(" jump anchor_").append(direction).append("\n");
   }
@@ -369,7 +386,8 @@ NftTableState nftTableStateFromJson(const std::string& json) {
         }
       }
     }
-    // A rule for both directions sits in both chains: pf counts it once, for both.
+    // A rule for both directions sits in both chains, and a rule may take several kernel rules:
+    // pf counts it once, for all of them.
     auto [entry, inserted] = byIndex.try_emplace(index, NftLoadedRule{parse.rules.front(), {}});
     entry->second.counters.packets += counters.packets;
     entry->second.counters.bytes += counters.bytes;
