@@ -65,7 +65,6 @@ class HelperTransport {
   // transport could not be set up.
   void serve();
 
-
   // Ends serve(), disconnects every open connection and waits until their threads have finished
   // (a request in progress completes first). Safe to call more than once.
   void stop();

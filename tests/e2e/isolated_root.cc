@@ -114,8 +114,9 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl,
   const char* driver = "";
 #endif
   std::vector<std::string> command = launcher;
-  command.insert(command.end(), {"/usr/bin/unshare", "--mount", "--net", "--propagation", "private",
-                                 "/bin/sh", outer, inner, pfctl, TARNLY_HELPER_PATH, client, driver});
+  command.insert(command.end(),
+                 {"/usr/bin/unshare", "--mount", "--net", "--propagation", "private", "/bin/sh",
+                  outer, inner, pfctl, TARNLY_HELPER_PATH, client, driver});
   return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
 }
 
