@@ -24,6 +24,23 @@ HelperPeerCheck::HelperPeerCheck(const std::string& helperExecutable, const User
   }
 }
 
+bool HelperPeerCheck::onlyAdministratorsCanChange(const struct stat& file,
+                                                  std::string_view client) const {
+  if (nonAdministratorCanChange(file, users_)) return false;
+  // The folders inside the bundle, up to the bundle itself; the folders above it are the helper's
+  // own, found unchangeable by non-administrators when the check was made.
+  std::string folder = bundle_ + std::string(client);
+  while (folder.size() > bundle_.size()) {
+    folder.resize(folder.rfind('/'));
+    struct stat info {};
+    if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+        nonAdministratorCanChange(info, users_)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool HelperPeerCheck::accepts(const PeerProcess& peer) const {
   if (bundle_.empty()) return false;
   std::optional<FileIdentity> running = peer.executableIdentity();
@@ -37,7 +54,7 @@ bool HelperPeerCheck::accepts(const PeerProcess& peer) const {
         FileIdentity{info.st_dev, info.st_ino} != *running) {
       continue;
     }
-    if (strict_ && firstPathNonAdminCanChange(path, users_)) return false;
+    if (strict_ && !onlyAdministratorsCanChange(info, client)) return false;
     // The identity was read while the process lived; make sure it still does, so a pid taken
     // over since is never let through.
     return peer.alive();

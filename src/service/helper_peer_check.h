@@ -5,7 +5,10 @@
 // pass it too. Immutable after construction; safe on any thread.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
+#include <string_view>
 
 #include "platform/peer_process.h"
 #include "platform/user_directory.h"
@@ -27,6 +30,10 @@ class HelperPeerCheck {
   bool strict() const { return strict_; }
 
  private:
+  // The ownership rule for the client file `file` at `client` below the bundle and each folder
+  // between it and the bundle.
+  bool onlyAdministratorsCanChange(const struct stat& file, std::string_view client) const;
+
   const UserDirectory& users_;
   std::string bundle_;
   bool strict_ = false;
