@@ -17,11 +17,11 @@ constexpr const char* kStore = R"({"owners": {"501": {"appliedAt": 815000000.5, 
     {"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E9", "enabled": true, "direction": "inbound",
      "action": "allow", "proto": "tcp", "remoteCIDR": "any", "ports": "22"}]}}]}}})";
 
-class HelperEndToEnd : public ::testing::Test {
+class HelperEndToEnd : public IsolatedRootTest {
  protected:
   void SetUp() override {
-    std::string reason = IsolatedRoot::unavailableReason();
-    if (!reason.empty()) GTEST_SKIP() << reason;
+    IsolatedRootTest::SetUp();
+    if (IsSkipped()) return;
     hostHadState_ = pathExists(kStateFolder);
   }
   void TearDown() override {

@@ -121,3 +121,14 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl,
 }
 
 }  // namespace IsolatedRoot
+
+void IsolatedRootTest::SetUp() {
+  std::string reason = IsolatedRoot::unavailableReason();
+  if (!reason.empty()) GTEST_SKIP() << reason;
+}
+
+std::string IsolatedRootTest::run(const std::string& script) {
+  HelperCommand::Result result = IsolatedRoot::run(script);
+  EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
+  return result.stdout;
+}

@@ -7,6 +7,8 @@
 // fake /sbin/ifconfig and /usr/bin/pgrep print macOS listings and record their runs.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -38,3 +40,12 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl = 
                           const std::vector<std::string>& launcher = {});
 
 }  // namespace IsolatedRoot
+
+// A test of scenarios in isolated roots: skipped, with the reason, where they cannot be made.
+class IsolatedRootTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  // Runs `script` in a fresh isolated root with the pf simulator; what it printed, and a failure
+  // with all of its output when it did not end with status 0.
+  static std::string run(const std::string& script);
+};

@@ -129,11 +129,11 @@ const std::string kSecond = policy("deny",
 const std::string kThird =
     policy("allow", rule(1, "inbound", "allow", "tcp", "any", "8022"), false);
 
-class PfctlTraffic : public ::testing::Test {
+class PfctlTraffic : public IsolatedRootTest {
  protected:
   void SetUp() override {
-    std::string reason = IsolatedRoot::unavailableReason();
-    if (!reason.empty()) GTEST_SKIP() << reason;
+    IsolatedRootTest::SetUp();
+    if (IsSkipped()) return;
     HelperCommand::Result probe =
         HelperCommand::run("/usr/bin/unshare", {"--net", TARNLY_PFCTL_PATH, "-si"});
     if (probe.status != 0) GTEST_SKIP() << probe.combinedOutput();

@@ -54,19 +54,7 @@ json reply(const std::string& out, const std::string& name) {
   return json::parse(text.substr(0, text.find('\n')), nullptr, false);
 }
 
-class ServiceEndToEnd : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string reason = IsolatedRoot::unavailableReason();
-    if (!reason.empty()) GTEST_SKIP() << reason;
-  }
-  // Runs the scenario; its output, or a failure with everything it printed.
-  static std::string run(const std::string& script) {
-    HelperCommand::Result result = IsolatedRoot::run(script);
-    EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
-    return result.stdout;
-  }
-};
+using ServiceEndToEnd = IsolatedRootTest;
 
 TEST_F(ServiceEndToEnd, FirewallForTwoAdministratorsAndARefusedOrdinaryUser) {
   std::string out =
