@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <string>
 #include <utility>
 
 #ifndef SO_PEERPIDFD
@@ -56,32 +57,15 @@ PeerProcess::~PeerProcess() {
   if (pidfd_ >= 0) ::close(pidfd_);
 }
 
-bool PeerProcess::alive() const {
-  // A pidfd becomes readable once its process has exited.
-  struct pollfd poller {
-    pidfd_, POLLIN, 0
-  };
-  int ready = ::poll(&poller, 1, 0);
-  return ready == 0;
-}
-
-std::optional<ExecutableFile> PeerProcess::executable() const {
+std::optional<FileIdentity> PeerProcess::executableIdentity(int alsoPoll, bool& alsoReady) const {
   std::string link = "/proc/" + std::to_string(pid_) + "/exe";
   struct stat info {};
   if (::stat(link.c_str(), &info) != 0) return std::nullopt;
-  std::array<char, 4096> buffer{};
-  ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size() - 1);
-  if (length <= 0) return std::nullopt;
-  // Read before asking whether the pinned process still lives: if it does, the pid was still its
-  // own while /proc answered.
-  if (!alive()) return std::nullopt;
-  return ExecutableFile{info.st_dev, info.st_ino,
-                        std::string(buffer.data(), static_cast<std::size_t>(length))};
-}
-
-std::optional<FileIdentity> PeerProcess::executableIdentity() const {
-  std::string link = "/proc/" + std::to_string(pid_) + "/exe";
-  struct stat info {};
-  if (::stat(link.c_str(), &info) != 0 || !alive()) return std::nullopt;
+  // A pidfd becomes readable once its process has exited; read after the stat, a living process
+  // means the pid was still its own while /proc answered.
+  std::array<struct pollfd, 2> fds{{{pidfd_, POLLIN, 0}, {alsoPoll, POLLIN, 0}}};
+  int ready = ::poll(fds.data(), alsoPoll >= 0 ? 2 : 1, 0);
+  alsoReady = ready > 0 && (fds[1].revents & POLLIN) != 0;
+  if (ready < 0 || fds[0].revents != 0) return std::nullopt;
   return FileIdentity{info.st_dev, info.st_ino};
 }

@@ -6,20 +6,12 @@
 #include <sys/types.h>
 
 #include <optional>
-#include <string>
 
 // A file as the kernel identifies it.
 struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
   bool operator==(const FileIdentity&) const = default;
-};
-
-// The file a process runs, as /proc/<pid>/exe names it.
-struct ExecutableFile {
-  dev_t device = 0;
-  ino_t inode = 0;
-  std::string path;  // the link's text; ends in " (deleted)" when the file was replaced
 };
 
 class PeerProcess {
@@ -37,14 +29,11 @@ class PeerProcess {
   pid_t pid() const { return pid_; }
   uid_t uid() const { return uid_; }
 
-  // True while the pinned process has not exited.
-  bool alive() const;
-
-  // The file the pinned process runs; none when it cannot be read or the process has exited (so
-  // a later process with the same pid is never described).
-  std::optional<ExecutableFile> executable() const;
-  // The identity of that file alone (one stat); none as above.
-  std::optional<FileIdentity> executableIdentity() const;
+  // The identity of the file the pinned process runs (one stat of /proc/<pid>/exe); none when it
+  // cannot be read or the process has exited by the time the stat returned, so a later process
+  // with the same pid is never described. `alsoPoll`, unless -1, is polled for input in the same
+  // call that asks whether the process lives; `alsoReady` tells whether it had any.
+  std::optional<FileIdentity> executableIdentity(int alsoPoll, bool& alsoReady) const;
 
  private:
   PeerProcess(pid_t pid, uid_t uid, int pidfd) : pid_(pid), uid_(uid), pidfd_(pidfd) {}

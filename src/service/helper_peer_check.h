@@ -2,14 +2,18 @@
 // client executables of the bundle that holds the helper (<bundle>/Contents/MacOS/Tarnly and
 // <bundle>/Contents/Helpers/TarnlyService), compared as files (device and inode). When the helper
 // and every folder above it pass the ownership rule, the client's executable and its folders must
-// pass it too. Immutable after construction; safe on any thread.
+// pass it too. Safe on any thread: a lock guards what it read of the bundle.
 #pragma once
 
 #include <sys/stat.h>
 
+#include <array>
+#include <mutex>
+#include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
+#include "platform/change_watch.h"
 #include "platform/peer_process.h"
 #include "platform/user_directory.h"
 
@@ -30,11 +34,21 @@ class HelperPeerCheck {
   bool strict() const { return strict_; }
 
  private:
-  // The ownership rule for the client file `file` at `client` below the bundle and each folder
-  // between it and the bundle.
-  bool onlyAdministratorsCanChange(const struct stat& file, std::string_view client) const;
+  // A client file as last read: its lstat (none when it is missing or not a regular file) and
+  // that of each folder from it up to the bundle (none when one is missing or not a folder).
+  struct Client {
+    std::optional<struct stat> file;
+    std::optional<std::vector<struct stat>> folders;
+  };
+
+  // Reads the client files and their folders again, the watch armed first so that no change
+  // after the reading goes unseen.
+  void reread() const;
 
   const UserDirectory& users_;
   std::string bundle_;
   bool strict_ = false;
+  mutable std::mutex lock_;
+  mutable ChangeWatch watch_;
+  mutable std::array<Client, 2> clients_;
 };
