@@ -287,13 +287,24 @@ PfRulesetParse parsePfRuleset(std::string_view text) {
   return result;
 }
 
-std::string pfRuleListing(const PfRule& rule, const PfCounters* counters) {
+namespace {
+
+// What a rule's text and its listing both start with: action, direction, quick, interface,
+// family and protocol.
+std::string ruleHead(const PfRule& rule) {
   std::string head = rule.pass ? "pass" : "block drop";
   if (!rule.direction.empty()) head += " " + rule.direction;
   head += " quick";
   if (!rule.interface.empty()) head += " on " + rule.interface;
   if (rule.inet6) head += " inet6";
   if (!rule.protocol.empty()) head += " proto " + rule.protocol;
+  return head;
+}
+
+}  // namespace
+
+std::string pfRuleListing(const PfRule& rule, const PfCounters* counters) {
+  std::string head = ruleHead(rule);
   std::string tail;
   if (rule.pass && rule.protocol == "tcp") tail += " flags S/SA";
   if (rule.keepState) tail += " keep state";
@@ -346,13 +357,7 @@ std::string pfRuleText(const PfRule& rule) {
     }
     return text;
   };
-  std::string line = rule.pass ? "pass" : "block drop";
-  if (!rule.direction.empty()) line += " " + rule.direction;
-  line += " quick";
-  if (!rule.interface.empty()) line += " on " + rule.interface;
-  if (rule.inet6) line += " inet6";
-  if (!rule.protocol.empty()) line += " proto " + rule.protocol;
-  line += " from " + side(rule.from) + " to " + side(rule.to);
+  std::string line = ruleHead(rule) + " from " + side(rule.from) + " to " + side(rule.to);
   if (rule.keepState) line += " keep state";
   return line;
 }
