@@ -22,13 +22,11 @@ FirewallRule rule(std::string remote, std::string ports, Proto proto = Proto::tc
 FirewallNetworkPolicy network(std::size_t id, std::string subnet,
                               std::optional<std::string> gateway = {},
                               std::vector<FirewallRule> rules = {}) {
-  return {Uuid{{static_cast<std::uint8_t>(id)}},
-          "N",
-          std::move(subnet),
-          std::move(gateway),
-          false,
-          {true, Act::deny, Act::allow, std::move(rules)},
-          {}};
+  FirewallNetworkPolicy n{
+      Uuid{{static_cast<std::uint8_t>(id)}},           "N", std::move(subnet), {}, false,
+      {true, Act::deny, Act::allow, std::move(rules)}, {}};
+  n.gatewayIPv4 = std::move(gateway);
+  return n;
 }
 
 std::optional<std::string> ipv4(std::string_view text) {
@@ -208,9 +206,9 @@ TEST(Ruleset, RendersEachUsableNetworksBlock) {
                 "pass in quick proto udp from 192.168.64.0/22 to any port 8000:8080 keep state\n"
                 "block drop in quick from 192.168.64.0/22 to any\n"
                 "pass out quick from any to 192.168.64.0/22 keep state\n\n");
-  EXPECT_EQ(ruleLines(farm.policy.rules[0], "192.168.64.0/22"),
-            (Lines{"pass out quick proto tcp from any to 192.168.64.0/22 port 53 keep state",
-                   "pass out quick proto udp from any to 192.168.64.0/22 port 53 keep state"}));
+  EXPECT_EQ(ruleLines(farm.policy.rules[0], "192.168.70.0/24"),
+            (Lines{"pass out quick proto tcp from any to 192.168.70.0/24 port 53 keep state",
+                   "pass out quick proto udp from any to 192.168.70.0/24 port 53 keep state"}));
   const std::string later = ruleset(networks, drops, generated + std::chrono::seconds(1));
   farm.name = "Other";
   EXPECT_NE(text, later);
