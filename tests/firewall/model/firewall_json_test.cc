@@ -55,6 +55,8 @@ TEST(FirewallJSON, EachKindOfFaultFailsTheWholeDocumentNamingThePlace) {
       {"/0/policy/rules/0/enabled", "yes", rule + ".enabled: expected a boolean, found string"},
       {"/0/policy/rules/0", "rule", rule + ": expected an object, found string"},
       {"/0/name", nullptr, "[0].name: required value is null"},
+      {"/0/policy", remove, "[0].policy: required key is missing"},
+      {"/0/dnsProxyEnabled", 1, "[0].dnsProxyEnabled: expected a boolean, found number"},
       {"/0/gatewayIPv4", 192, "[0].gatewayIPv4: expected a string, found number"},
       {"/0/policy/rules", json::object(), "[0].policy.rules: expected an array, found object"},
       {"/0/networkID", "6f1c2a7e3b4d4e5f8a9b0c1d2e3f4a5b",
