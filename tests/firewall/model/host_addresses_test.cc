@@ -2,75 +2,48 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <deque>
 
 namespace {
 
 using namespace NetworkFirewall;
-using Bytes = std::vector<std::uint8_t>;
 
-// A hand-built interface list; entries keep their socket addresses alive.
-class FakeList {
- public:
-  // Adds an entry; a null address gives an entry without one, family AF_PACKET one of another kind.
-  void add(const char* name, int family, const char* address, const char* netmask = nullptr) {
-    entries_.emplace_back();
-    ifaddrs& entry = entries_.back();
-    entry.ifa_name = const_cast<char*>(name);
-    if (entries_.size() > 1) entries_[entries_.size() - 2].ifa_next = &entry;
-    if (address != nullptr) entry.ifa_addr = socketAddress(family, address);
-    if (netmask != nullptr) entry.ifa_netmask = socketAddress(family, netmask);
-  }
-  const ifaddrs* head() const { return entries_.empty() ? nullptr : &entries_.front(); }
-
- private:
-  sockaddr* socketAddress(int family, const char* text) {
-    sockaddr_storage& storage = storage_.emplace_back();
-    storage.ss_family = static_cast<sa_family_t>(family);
-    void* bytes = family == AF_INET6
-                      ? static_cast<void*>(&reinterpret_cast<sockaddr_in6*>(&storage)->sin6_addr)
-                      : static_cast<void*>(&reinterpret_cast<sockaddr_in*>(&storage)->sin_addr);
-    if (family != AF_PACKET) {
-      EXPECT_EQ(inet_pton(family, text, bytes), 1) << text;
-    }
-    return reinterpret_cast<sockaddr*>(&storage);
-  }
-  std::deque<ifaddrs> entries_;
-  std::deque<sockaddr_storage> storage_;
-};
-
-TEST(HostAddresses, NetmaskPrefixCountsByteByByteUpToTheFirstNonFullByte) {
-  EXPECT_EQ(prefixLengthOfNetmask(Bytes{255, 255, 255, 0}), 24);
-  EXPECT_EQ(prefixLengthOfNetmask(Bytes{255, 255, 240, 0}), 20);
-  // Bits after the first byte that is not 255 are not looked at.
-  EXPECT_EQ(prefixLengthOfNetmask(Bytes{255, 0, 255, 255}), 8);
-  EXPECT_EQ(prefixLengthOfNetmask(Bytes{255, 0b10110000, 0, 0}), 9);
-}
-
+// Entries without an address and of other families are skipped; a netmask counts byte by byte
+// up to and including the first byte that is not 255.
 TEST(HostAddresses, ConvertsIPv4AndIPv6EntriesInListOrder) {
-  FakeList list;
-  list.add("lo0", AF_INET, "127.0.0.1", "255.0.0.0");
-  list.add("gif0", AF_INET, nullptr);
-  list.add("en0", AF_PACKET, "");
-  list.add("en0", AF_INET6, "fe80::1", "ffff:ffff:ffff:ffff::");
-  list.add("en0", AF_INET, "192.168.1.20", "255.255.255.0");
-  list.add("utun2", AF_INET, "10.8.0.2");
-  list.add("utun2", AF_INET6, "fd00::2");
-  list.add("en0", AF_INET, "192.168.1.21", "255.255.0.255");
-
-  std::vector<HostAddress> hosts = hostAddressesFrom(list.head());
-  ASSERT_EQ(hosts.size(), 6u);
-  EXPECT_EQ(hosts[0], (HostAddress{"lo0", {127, 0, 0, 1}, 8}));
-  EXPECT_EQ(hosts[1],
-            (HostAddress{"en0", {0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 64}));
-  EXPECT_EQ(hosts[2], (HostAddress{"en0", {192, 168, 1, 20}, 24}));
-  EXPECT_EQ(hosts[3], (HostAddress{"utun2", {10, 8, 0, 2}, 32}));
-  EXPECT_EQ(hosts[4].prefixLength, 128);
-  EXPECT_EQ(hosts[5], (HostAddress{"en0", {192, 168, 1, 21}, 16}));
+  // clang-format off
+  const std::vector<std::tuple<const char*, int, const char*, const char*>> entries = {
+      {"lo0", AF_INET, "127.0.0.1", "255.0.0.0"}, {"gif0", AF_INET, nullptr, nullptr},
+      {"en0", AF_PACKET, "", nullptr}, {"en0", AF_INET6, "fe80::1", "ffff:ffff:ffff:ffff::"},
+      {"en0", AF_INET, "192.168.1.20", "255.255.240.0"}, {"utun2", AF_INET, "10.8.0.2", nullptr},
+      {"utun2", AF_INET6, "fd00::2", nullptr}, {"en0", AF_INET, "192.168.1.21", "255.176.255.255"}};
+  // clang-format on
+  std::vector<ifaddrs> list(entries.size());
+  std::vector<sockaddr_in6> addresses(2 * entries.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const auto& [name, family, address, netmask] = entries[i];
+    list[i].ifa_name = const_cast<char*>(name);
+    list[i].ifa_next = i + 1 < list.size() ? &list[i + 1] : nullptr;
+    for (auto [text, slot, field] :
+         {std::tuple{address, &addresses[2 * i], &list[i].ifa_addr},
+          std::tuple{netmask, &addresses[2 * i + 1], &list[i].ifa_netmask}}) {
+      if (text == nullptr) continue;
+      slot->sin6_family = static_cast<sa_family_t>(family);
+      if (family != AF_PACKET) {
+        void* bytes = &slot->sin6_addr;
+        if (family == AF_INET) bytes = &reinterpret_cast<sockaddr_in*>(slot)->sin_addr;
+        EXPECT_EQ(inet_pton(family, text, bytes), 1) << text;
+      }
+      *field = reinterpret_cast<sockaddr*>(slot);
+    }
+  }
+  EXPECT_EQ(
+      hostAddressesFrom(list.data()),
+      (std::vector<HostAddress>{{"lo0", {127, 0, 0, 1}, 8},
+                                {"en0", {0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 64},
+                                {"en0", {192, 168, 1, 20}, 20},
+                                {"utun2", {10, 8, 0, 2}, 32},
+                                {"utun2", {0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2}, 128},
+                                {"en0", {192, 168, 1, 21}, 9}}));
   EXPECT_TRUE(hostAddressesFrom(nullptr).empty());
 }
 
