@@ -19,26 +19,24 @@ const std::string kBinMayChange =
 
 TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsTold) {
   HostTree t;
-  const std::string bin = t.path("usr/local/bin/"), fish = t.path("usr/local/share/fish/"),
-                    T = t.tool(), C = t.completions(""), apps = t.path("Applications");
+  const std::string bin = t.path("usr/local/bin/"),
+                    vendor = t.path("usr/local/share/fish/vendor_completions.d/"), T = t.tool(),
+                    C = t.completions(""), apps = t.path("Applications");
   // Links into any Tarnly bundle are replaced, or removed under legacy names; others stay.
   t.makeLink(bin + "tqz", "/Volumes/Old/Tarnly.app/Contents/Helpers/tarnly");
   t.makeLink(bin + "qz", "../Tarnly.app/Contents/Helpers/qz");
   t.makeLink(bin + "qzr", "/A/MyTarnly.app/Contents/Helpers/tarnly");
-  t.makeLink(fish + "vendor_completions.d/tarnly.fish",
-             "/V/Tarnly.app/Contents/Resources/completions/tarnly.fish");
-  t.makeLink(fish + "vendor_completions.d/tqz.fish",
-             "/A/Tarnly.app/Contents/Resources/completions/tqz.fish");
+  t.makeLink(vendor + "tarnly.fish", "/V/Tarnly.app/Contents/Resources/completions/tarnly.fish");
+  t.makeLink(vendor + "tqz.fish", "/A/Tarnly.app/Contents/Resources/completions/tqz.fish");
   ::umask(077);
   EXPECT_TRUE(t.run(install));
   ::umask(022);
   EXPECT_EQ(modeOf(t.path("usr/local/share/zsh/site-functions")), 0755);
-  EXPECT_EQ(
-      std::tuple(t.entries(bin).size(), t.linkTarget(bin + "tarnly"), t.linkTarget(bin + "tqz"),
-                 t.linkTarget(fish + "vendor_completions.d/tarnly.fish")),
-      std::tuple(3U, T, T, C + "tarnly.fish"));
+  EXPECT_EQ(std::tuple(t.entries(bin).size(), t.linkTarget(bin + "tarnly"),
+                       t.linkTarget(bin + "tqz"), t.linkTarget(vendor + "tarnly.fish")),
+            std::tuple(3U, T, T, C + "tarnly.fish"));
   EXPECT_TRUE(t.run(uninstall));
-  EXPECT_EQ(std::pair(t.entries(bin), t.entries(fish + "vendor_completions.d")),
+  EXPECT_EQ(std::pair(t.entries(bin), t.entries(vendor)),
             std::pair(std::set<std::string>{"qzr"}, std::set<std::string>{"tqz.fish"}));
 
   // A copy that a non-administrator can change links nothing and loses the links at it.
@@ -71,44 +69,39 @@ TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsT
   ASSERT_EQ(::chmod(T.c_str(), 0644), 0);
   EXPECT_FALSE(t.run(install)) << "checked before /usr is opened";
 
+  // Every log line and refusal of the requests above, in order.
+  auto linked = [&](const std::string& link, const std::string& completion = "") {
+    return "Linked /usr/local/" + link + " -> " + (completion.empty() ? T : C + completion) + ".";
+  };
+  auto removed = [](const std::string& link) { return "Removed /usr/local/" + link + "."; };
+  auto left = [](const std::string& link, const std::string& target) {
+    return "Left /usr/local/" + link + " alone: it points at " + target + ", not a Tarnly bundle.";
+  };
   const std::string
-      vendor = "/usr/local/share/fish/vendor_completions.d/",
-      zsh = "/usr/local/share/zsh/site-functions/_tarnly",
-      qzr =
-          "Left /usr/local/bin/qzr alone: it points at /A/MyTarnly.app/Contents/Helpers/tarnly, "
-          "not a Tarnly bundle.",
+      fish = "share/fish/vendor_completions.d/tarnly.fish",
+      zsh = "share/zsh/site-functions/_tarnly",
+      tqzFish = "/usr/local/share/fish/vendor_completions.d/tqz.fish",
+      qzr = left("bin/qzr", "/A/MyTarnly.app/Contents/Helpers/tarnly"),
       taken = " already exists and isn't a Tarnly link. Move it aside, then try again.",
+      shell = "Shell completion " + tqzFish + " not linked: " + tqzFish + taken,
+      leftTqzFish =
+          left(tqzFish.substr(11), "/A/Tarnly.app/Contents/Resources/completions/tqz.fish"),
+      copy = "Tarnly can't link its command-line tool from this copy: " + apps +
+             " can be changed by someone who isn't an administrator. Ask an administrator to "
+             "install Tarnly in /Applications.",
+      tqzTaken = "/usr/local/bin/tqz" + taken,
       notFolder =
-          "/usr/local isn't a real folder (it's a link or a file), so Tarnly won't link into it.";
-  EXPECT_EQ(
-      t.transcript,
-      (std::vector<std::string>{
-          "Linked /usr/local/bin/tarnly -> " + T + ".",
-          "Linked /usr/local/bin/tqz -> " + T + ".",
-          "Removed /usr/local/bin/qz.",
-          qzr,
-          "Linked " + zsh + " -> " + C + "_tarnly.",
-          "Linked " + vendor + "tarnly.fish -> " + C + "tarnly.fish.",
-          "Shell completion " + vendor + "tqz.fish not linked: " + vendor + "tqz.fish" + taken,
-          "Removed /usr/local/bin/tarnly.",
-          "Removed /usr/local/bin/tqz.",
-          qzr,
-          "Removed " + zsh + ".",
-          "Removed " + vendor + "tarnly.fish.",
-          "Left " + vendor +
-              "tqz.fish alone: it points at /A/Tarnly.app/Contents/Resources/completions/tqz.fish, "
-              "not a Tarnly bundle.",
-          "Removed /usr/local/bin/tarnly.",
-          "Tarnly can't link its command-line tool from this copy: " + apps +
-              " can be changed by someone who isn't an administrator. Ask an administrator to "
-              "install Tarnly in /Applications.",
-          "Linked /usr/local/bin/tarnly -> " + T + ".",
-          "/usr/local/bin/tqz" + taken,
-          notFolder,
-          notFolder,
-          kBinMayChange,
-          "Could not open /usr.",
-          "The bundled command-line tool isn't at " + T + "."}));
+          "/usr/local isn't a real folder (it's a link or a file), so Tarnly won't link into it.",
+      noTool = "The bundled command-line tool isn't at " + T + ".";
+  // clang-format off
+  EXPECT_EQ(t.transcript, (std::vector<std::string>{
+      linked("bin/tarnly"), linked("bin/tqz"), removed("bin/qz"), qzr, linked(zsh, "_tarnly"),
+      linked(fish, "tarnly.fish"), shell,
+      removed("bin/tarnly"), removed("bin/tqz"), qzr, removed(zsh), removed(fish), leftTqzFish,
+      removed("bin/tarnly"), copy,
+      linked("bin/tarnly"), tqzTaken,
+      notFolder, notFolder, kBinMayChange, "Could not open /usr.", noTool}));
+  // clang-format on
 }
 
 TEST(HelperCLISymlink, FolderOwnershipDecidesWhetherLinksGoIntoIt) {

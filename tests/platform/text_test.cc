@@ -16,8 +16,7 @@ TEST(Text, TrimsSpaceSeparatorsOrAlsoLineBreaksDecodesLossilyAndSplits) {
     std::string (*function)(std::string_view);
     std::string input, expected;
   } rows[] = {
-      // Tabs, NO-BREAK SPACE, EN QUAD, IDEOGRAPHIC SPACE, NARROW NO-BREAK SPACE are space
-      // separators.
+      // Tab, NO-BREAK SPACE, EN QUAD, IDEOGRAPHIC SPACE, NARROW NO-BREAK SPACE: space separators.
       {spaces, " \t10.0.0.0/8\u00A0\u2000", "10.0.0.0/8"},
       {spaces, "\u3000any\u202F", "any"},
       {spaces, "\nany\r", "\nany\r"},
@@ -28,14 +27,9 @@ TEST(Text, TrimsSpaceSeparatorsOrAlsoLineBreaksDecodesLossilyAndSplits) {
       {spaces, " \xC2", "\xC2"},  // invalid bytes stop trimming
       {breaks, "\r\n\t word \u0085\u2028\v\f", "word"},
       {breaks, "a\nb", "a\nb"},
-      // Each maximal invalid subpart is one replacement: a truncated sequence one, a surrogate
-      // three.
+      // One replacement per maximal invalid subpart: a cut-off sequence one, a surrogate three.
       {decodeUTF8Lossy, "ok \xC3\xA9 \xF0\x9F\x98\x80", "ok \xC3\xA9 \U0001F600"},
-      {decodeUTF8Lossy,
-       "a\xFF"
-       "b\xE2\x82"
-       "x",
-       "a\uFFFDb\uFFFDx"},
+      {decodeUTF8Lossy, "a\xFFz\xE2\x82x", "a\uFFFDz\uFFFDx"},
       {decodeUTF8Lossy, "\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},
       {decodeUTF8Lossy, std::string("\0x", 2), std::string("\0x", 2)},
   };
