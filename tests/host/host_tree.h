@@ -72,7 +72,8 @@ class HostTree {
     } catch (const std::exception& thrown) {
       error = thrown.what();
     }
-    for (std::string_view line : split(readFile(path("log")).value_or(""), '\n', false)) {
+    const std::string log = readFile(path("log")).value_or("");
+    for (std::string_view line : split(log, '\n', false)) {
       transcript.emplace_back(line.substr(line.find(' ') + 1));
     }
     if (!error.empty()) transcript.push_back(error);

@@ -24,7 +24,7 @@ TEST(Files, WritesAtomicallyWithTheirModeReadsUpToTheLimitAndFailNamingTheFinalP
   EXPECT_EQ(std::tuple(contentOf(file), modeOf(file), modeOf(tree.path("a")), modeOf(folder)),
             std::tuple("new", 0644, 0755, 0755));
   // Reads stop at the limit (links, FIFOs and huge files: see the resolver files).
-  EXPECT_EQ(std::pair(readFile(file, 3), readFile(file, 2)), std::pair("new", std::nullopt));
+  EXPECT_EQ(std::tuple(readFile(file, 3), readFile(file, 2)), std::tuple("new", std::nullopt));
   const std::pair<std::function<void()>, std::string> failures[] = {
       {[&] { writeFileAtomically(tree.path("no/file"), "", 0600); },
        "Could not write " + tree.path("no/file") + ": No such file or directory."},
