@@ -20,6 +20,7 @@ TEST(Files, WritesAtomicallyWithTheirModeReadsUpToTheLimitAndFailNamingTheFinalP
   writeFileAtomically(file, "new", 0644);
   createDirectories(folder, 0755);
   createDirectories(folder, 0700);  // exists: left as it is
+  createDirectories(tree.path("a/c"));
   ::umask(022);
   EXPECT_EQ(std::tuple(contentOf(file), modeOf(file), modeOf(tree.path("a")), modeOf(folder)),
             std::tuple("new", 0644, 0755, 0755));
@@ -40,7 +41,7 @@ TEST(Files, WritesAtomicallyWithTheirModeReadsUpToTheLimitAndFailNamingTheFinalP
       EXPECT_EQ(error.what(), text);
     }
   }
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tree.path("a")), {}), 1)
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tree.path("a")), {}), 2)
       << "no temporary file";
 }
 
