@@ -3,7 +3,6 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,12 +14,12 @@ class FakeUserDirectory final : public UserDirectory {
   void addUser(uid_t uid, std::vector<gid_t> groups) { users_[uid] = std::move(groups); }
   // Makes the group list of the user with `uid` unobtainable.
   void failGroupsOf(uid_t uid) { failing_ = "user" + std::to_string(uid); }
+  int lookups() const { return lookups_; }
 
   std::optional<User> user(uid_t uid) const override {
     ++lookups_;
-    auto found = users_.find(uid);
-    if (found == users_.end()) return std::nullopt;
-    return User{"user" + std::to_string(uid), found->second.front()};
+    if (!users_.contains(uid)) return std::nullopt;
+    return User{"user" + std::to_string(uid), users_.at(uid).front()};
   }
   std::optional<std::vector<gid_t>> groups(const std::string& name, gid_t primary) const override {
     ++lookups_;
@@ -30,7 +29,6 @@ class FakeUserDirectory final : public UserDirectory {
     }
     return std::vector<gid_t>{primary};
   }
-  int lookups() const { return lookups_; }
 
  private:
   std::map<uid_t, std::vector<gid_t>> users_;
