@@ -38,7 +38,7 @@ struct FakeVLANs final : VLANConfiguration {
   std::set<std::string> refused;  // "handle", "physicals", "VLANs", "create", "name" (new VLANs
                                   // get none), "commit", "apply"
   Lines clients;
-  int commits = 0, applies = 0;
+  int applies = 0;
 
   Interface* find(const std::string& name) {
     for (Interface& i : all) {
@@ -91,7 +91,6 @@ struct FakeVLANs final : VLANConfiguration {
     }
     bool commit() override {
       std::lock_guard<std::mutex> guard(f.lock);
-      ++f.commits;
       if (f.refused.count("commit")) return false;
       f.all = s;
       return true;
@@ -173,11 +172,10 @@ TEST_F(HelperVLANTest, CreateRecordsWhatItMadeListingShowsItAndDeleteRemovesOnly
       {{"vlan1", 20, "en1"}, {"vlan1", 20, "en1"}, {"vlan2", 120, "en1"}, {"vlan3", -7, "en1"}});
   remove("vlan1");
   vlan("vlan6", std::nullopt, std::nullopt);
-  const int commits = fake.commits;
   for (const char* name : {"vlan4", "vlan2", "vlan3", "vlan6"}) {
     EXPECT_EQ(errorOf([&] { remove(name); }), "Tarnly's helper only removes VLANs it created.");
+    EXPECT_NE(fake.find(name), nullptr) << name;
   }
-  EXPECT_EQ(fake.commits, commits);
   EXPECT_TRUE(list().empty());
   EXPECT_EQ(HelperVLAN::loadRecords(test.env),
             (std::vector<Record>{{"vlan2", 120, "en1"}, {"vlan3", -7, "en1"}}));

@@ -16,9 +16,8 @@ using Lines = std::vector<std::string>;
 using Names = std::set<std::string>;
 
 // `ifconfig -a` of a Mac with a bridge, vmenet0 inside bridge100 and vmenet1 in no bridge.
-constexpr const char* kListing = R"(lo0: flags=8049<UP,LOOPBACK,RUNNING,MULTICAST> mtu 16384
-	inet 127.0.0.1 netmask 0xff000000
-bridge0: flags=8863<UP,BROADCAST,SMART,RUNNING,SIMPLEX,MULTICAST> mtu 1500
+constexpr const char* kListing =
+    R"(bridge0: flags=8863<UP,BROADCAST,SMART,RUNNING,SIMPLEX,MULTICAST> mtu 1500
 	member: en1 flags=3<LEARNING,DISCOVER>
 	        ifmaxaddr 0 port 8 priority 0 path cost 0
 vmenet0: flags=8963<UP,BROADCAST,SMART,RUNNING,PROMISC,SIMPLEX,MULTICAST> mtu 1500
@@ -53,20 +52,15 @@ class PruneTest : public ::testing::Test {
         "d='" + test.tree.path("fake") + "'; echo \"$*\" >>\"$d/${0##*/}.calls\"\n";
     test.tree.script("bin/pgrep", calls + R"([ -s "$d/vms" ] && cat "$d/vms")");
     test.tree.script("bin/ifconfig", calls + R"sh(if [ "$1" = -a ]; then
-  cat "$d/listing"; cat "$d/listing.err" >&2; exit "$(cat "$d/status")"; fi
+  cat "$d/listing"; cat "$d/err" >&2 2>/dev/null; exit "$(cat "$d/status" 2>/dev/null || echo 0)"; fi
 [ "$2" = destroy ] && [ -f "$d/refuse-$1" ] && { cat "$d/refuse-$1" >&2; exit 1; }; exit 0)sh");
-    listing(kListing);
+    write("listing", kListing);
     write("vms", "");
   }
   ~PruneTest() override { HelperVMNet::previousCandidates().forget(); }
 
   void write(const std::string& file, const std::string& text) {
     test.tree.write("fake/" + file, text);
-  }
-  void listing(const std::string& out, const std::string& err = "", int status = 0) {
-    write("listing", out);
-    write("listing.err", err);
-    write("status", std::to_string(status));
   }
   std::string calls(const std::string& program) const {
     return contentOf(test.tree.path("fake/" + program + ".calls"));
@@ -95,11 +89,14 @@ TEST_F(PruneTest, OnlyWhatTwoScansInARowFindInNoBridgeIsDestroyedAndOnlyWithoutR
   write("vms", "");
   EXPECT_EQ(scan(), remember);
   // A failed listing keeps the memory.
-  listing(" partial \n", "ifconfig: ioctl: Operation not permitted\n", 1);
+  write("listing", " partial \n");
+  write("err", "ifconfig: ioctl: Operation not permitted\n");
+  write("status", "1");
   EXPECT_EQ(scan(), "ifconfig didn't answer: partial\nifconfig: ioctl: Operation not permitted");
   EXPECT_EQ(memory.contents(), Names{"vmenet1"});
   EXPECT_EQ(calls("ifconfig"), "-a\n-a\nvmenet1 destroy\n-a\n-a\n");
-  listing(kListing);
+  write("listing", kListing);
+  write("status", "0");
   // A missing pgrep counts as no virtual machine, a missing ifconfig as a failed listing.
   test.env.paths.pgrep = test.tree.path("bin/no-pgrep");
   EXPECT_EQ(scan(), destroyedOne);
@@ -116,15 +113,15 @@ TEST_F(PruneTest, OnlyWhatTwoScansInARowFindInNoBridgeIsDestroyedAndOnlyWithoutR
 
 TEST_F(PruneTest, BridgedOnesStayDuplicatesCountTwiceAndRefusedDestroysAreTriedAgain) {
   scan();
-  listing("vmenet0:\nvmenet1:\nbridge100:\n\tmember: vmenet0\n\tmember: vmenet1\n");
+  write("listing", "vmenet0:\nvmenet1:\nbridge100:\n\tmember: vmenet0\n\tmember: vmenet1\n");
   EXPECT_EQ(scan(), "2 vmnet interface(s), every one in a bridge.");
   EXPECT_TRUE(memory.contents().empty());
-  listing("bridge0:\n\tmember: en1\n");
+  write("listing", "bridge0:\n\tmember: en1\n");
   EXPECT_EQ(scan(), "No vmnet interfaces.");
   const std::string four = "vmenet1:\nvmenet2:\nvmenet2:\nvmenet3:\nvmenet4:\n\tmember: vmenet4\n";
-  listing(four);
+  write("listing", four);
   scan();
-  listing(four + "vmenet5:\n");
+  write("listing", four + "vmenet5:\n");
   write("refuse-vmenet1", "ifconfig: SIOCIFDESTROY: Device busy\n");
   write("refuse-vmenet3", "\n ifconfig: interface vmenet3 does not exist \n");
   const std::string refused =
@@ -133,7 +130,7 @@ TEST_F(PruneTest, BridgedOnesStayDuplicatesCountTwiceAndRefusedDestroysAreTriedA
   EXPECT_EQ(scan(), "Destroyed 2 of 4 stale vmnet interface(s) (2 in use). Refused: " + refused);
   EXPECT_EQ(memory.contents(), (Names{"vmenet1", "vmenet2", "vmenet3", "vmenet5"}));
   // When every destroy is refused, no "Destroyed" line is logged.
-  listing(kListing);
+  write("listing", kListing);
   write("refuse-vmenet1", "");
   EXPECT_EQ(scan(), "Destroyed 0 of 1 stale vmnet interface(s) (1 in use). Refused: vmenet1: ");
   EXPECT_EQ(test.logged(),

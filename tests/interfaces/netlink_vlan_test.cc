@@ -1,8 +1,7 @@
 // The rtnetlink VLAN configuration against the kernel. Each test re-runs this binary for itself in
-// a fresh network namespace of this kernel (unshare --net), and where that kernel has no 802.1Q
-// VLAN links and the test needs them, once more in the one of a user-mode Linux kernel that loads
-// them (tests/uml-run.sh). Parents are dummy or ifb links; the machine's own namespace is never
-// touched.
+// a network namespace of this kernel's (unshare --net), and where that kernel has no 802.1Q VLAN
+// links and the test needs them, in the one of a user-mode Linux kernel that loads them
+// (tests/uml-run.sh). Parents are dummy or ifb links; the machine's own namespace is never touched.
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,21 +20,24 @@
 namespace {
 
 using Result = HelperCommand::Result;
-using Lines = std::vector<std::string>;
+using ID = NetworkInterfaceID;
 const std::string kNoVLANs = "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q): ";
 
-Result ip(const Lines& arguments) {
-  return HelperCommand::run(pathExists("/usr/sbin/ip") ? "/usr/sbin/ip" : "/sbin/ip", arguments);
+// Runs ip with the words of `arguments`.
+Result ip(const std::string& arguments) {
+  std::vector<std::string> words;
+  for (std::string_view word : split(arguments, ' ', false)) words.emplace_back(word);
+  return HelperCommand::run(pathExists("/usr/sbin/ip") ? "/usr/sbin/ip" : "/sbin/ip", words);
 }
-void mustIP(const Lines& arguments) {
+void mustIP(const std::string& arguments) {
   const Result result = ip(arguments);
-  ASSERT_EQ(result.status, 0) << join(arguments, " ") << ": " << result.combinedOutput();
+  ASSERT_EQ(result.status, 0) << arguments << ": " << result.combinedOutput();
 }
-std::string details(const std::string& link) {
-  return ip({"-d", "link", "show", link}).stdout;
+bool shows(const std::string& link, const std::string& part) {
+  return ip("-d link show " + link).stdout.find(part) != std::string::npos;
 }
 bool linkExists(const std::string& link) {
-  return ip({"link", "show", link}).status == 0;
+  return ip("link show " + link).status == 0;
 }
 
 // The descriptors this process has open (the listing's own left out).
@@ -50,18 +52,17 @@ std::set<std::string> openDescriptors() {
 }
 
 // The one of `ids` whose BSD name is `name`.
-std::optional<NetworkInterfaceID> named(VLANPreferences& preferences,
-                                        const std::optional<std::vector<NetworkInterfaceID>>& ids,
-                                        const std::string& name) {
-  for (NetworkInterfaceID id : ids.value()) {
+std::optional<ID> named(VLANPreferences& preferences, const std::optional<std::vector<ID>>& ids,
+                        const std::string& name) {
+  for (ID id : ids.value()) {
     if (preferences.bsdName(id) == name) return id;
   }
   return std::nullopt;
 }
 // A VLAN with `tag` planned in `preferences` on the physical interface named `parent`.
-std::optional<NetworkInterfaceID> plan(VLANPreferences& preferences, const std::string& parent,
-                                       std::int64_t tag) {
-  auto physical = named(preferences, preferences.availablePhysicalInterfaces(), parent);
+std::optional<ID> plan(VLANPreferences& preferences, const std::string& parent, std::int64_t tag) {
+  const std::optional<ID> physical =
+      named(preferences, preferences.availablePhysicalInterfaces(), parent);
   return physical ? preferences.createVLAN(*physical, tag) : std::nullopt;
 }
 
@@ -69,20 +70,16 @@ class NetlinkVLANInNamespace : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!inside) return runInItsNamespace();
-    // Only "lo" exists at the start. Parents are dummy links, or ifb links (also plain ethernet
-    // links) where the kernel has no dummy driver.
-    parentKind = ip({"link", "add", "probe0", "type", "dummy"}).status == 0 ? "dummy" : "ifb";
-    ip({"link", "del", "probe0"});
+    // Only "lo" exists here. Parents are dummy links, or ifb links (also plain ethernet links).
+    parentKind = ip("link add probe0 type dummy").status == 0 ? "dummy" : "ifb";
+    ip("link del probe0");
     addParent("probe1");
-    const Result vlan =
-        ip({"link", "add", "link", "probe1", "name", "p2", "type", "vlan", "id", "1"});
+    const Result vlan = ip("link add link probe1 name probe2 type vlan id 1");
     if (vlan.status != 0) noVLANs = kNoVLANs + vlan.combinedOutput();
-    ip({"link", "del", "probe1"});  // and its VLAN with it
+    ip("link del probe1");  // and its VLAN with it
   }
-
-  // Runs this test in this kernel's namespace of its own and takes over its outcome there (a
-  // failure, a skip with its reason, or a pass); when it skipped for want of VLAN links, on
-  // user-mode Linux instead, if that can be had.
+  // Runs this test in a namespace of its own and takes over its outcome there (a failure, a skip
+  // with its reason, or a pass); on user-mode Linux when it skipped here for want of VLAN links.
   void runInItsNamespace() {
     static const Result namespaces = HelperCommand::run("/usr/bin/unshare", {"--net", "true"});
     if (namespaces.status != 0) {
@@ -100,16 +97,16 @@ class NetlinkVLANInNamespace : public ::testing::Test {
     }
     takeOutcome(here, noUML);
   }
-  Result runThisTest(Lines command) {
+  Result runThisTest(std::vector<std::string> command) {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
     command.insert(
         command.end(),
         {"/usr/bin/env", "-u", "GTEST_OUTPUT", "TARNLY_VLAN_TEST_NETNS=1", currentExecutablePath(),
          std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()});
-    return HelperCommand::run(command.front(), Lines(command.begin() + 1, command.end()));
+    return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
   }
   static std::string skipReason(const Result& run) {
-    const std::string::size_type at = run.stdout.find(": Skipped\n");
+    const std::size_t at = run.stdout.find(": Skipped\n");
     return at == std::string::npos
                ? ""
                : run.stdout.substr(at + 10, run.stdout.find('\n', at + 10) - at - 10);
@@ -121,11 +118,12 @@ class NetlinkVLANInNamespace : public ::testing::Test {
     ASSERT_NE(run.stdout.find("[  PASSED  ] 1 test."), std::string::npos) << run.stdout;
   }
 
-  void addParent(const std::string& name) { mustIP({"link", "add", name, "type", parentKind}); }
+  void addParent(const std::string& name) { mustIP("link add " + name + " type " + parentKind); }
   std::string create(const std::string& name, std::int64_t tag, const std::string& parent) {
     return HelperVLAN::create(test.env, configuration, name, tag, parent);
   }
   void remove(const std::string& name) { HelperVLAN::deleteVLAN(test.env, configuration, name); }
+  std::vector<CreatedVLAN> list() { return HelperVLAN::createdVLANs(test.env, configuration); }
 
   const bool inside = std::getenv("TARNLY_VLAN_TEST_NETNS") != nullptr;
   std::string parentKind, noVLANs;
@@ -138,79 +136,60 @@ TEST_F(NetlinkVLANInNamespace, VLANsAreMadeWithTheirTagAndAliasListedAndDeleted)
   if (!noVLANs.empty()) GTEST_SKIP() << noVLANs;
   addParent("eth0x");
   addParent("eth1x");
-  mustIP({"link", "set", "eth1x", "up"});
-  mustIP({"link", "add", "link", "eth0x", "name", "vlan7", "type", "vlan", "id", "7"});  // not ours
+  mustIP("link set eth1x up");
+  mustIP("link add link eth0x name vlan7 type vlan id 7");  // not the helper's
   const std::set<std::string> descriptors = openDescriptors();
 
   EXPECT_EQ(create(" \tOffice net ", 42, "eth1x"), "vlan0");
-  std::string shown = details("vlan0");
   for (const char* part :
        {"vlan0@eth1x", "vlan protocol 802.1Q id 42 ", "alias Office net\n", ",UP"}) {
-    EXPECT_NE(shown.find(part), std::string::npos) << part << " in " << shown;
+    EXPECT_TRUE(shows("vlan0", part)) << part;
   }
   // The same tag on another parent is another VLAN; a blank name sets no alias. The parent is
   // down, so the VLAN cannot be brought up, and is made all the same.
   EXPECT_EQ(create("   ", 42, "eth0x"), "vlan1");
-  shown = details("vlan1");
-  EXPECT_EQ(shown.find("alias"), std::string::npos) << shown;
-  EXPECT_EQ(shown.find(",UP"), std::string::npos) << shown;
+  EXPECT_FALSE(shows("vlan1", "alias") || shows("vlan1", ",UP"));
   // The alias is best effort: the kernel keeps up to IFALIASZ (256) bytes with the terminating
-  // zero netlink carries along, so 254 fit and 255 and 300 do not; those VLANs are made, recorded
-  // and listed all the same. The name's length is the tag.
+  // zero netlink carries along, so 254 fit and 255 and 300 do not; those VLANs are made, recorded,
+  // listed and deleted all the same. The name's length is the tag.
   const std::string longest(254, 'n');
   EXPECT_EQ(create("\t" + longest + " ", 60, "eth0x"), "vlan2");
   EXPECT_EQ(create(std::string(255, 'n'), 255, "eth0x"), "vlan3");
   EXPECT_EQ(create(std::string(300, 'n'), 300, "eth0x"), "vlan4");
-  EXPECT_NE(details("vlan3").find("vlan protocol 802.1Q id 255 "), std::string::npos);
-  EXPECT_EQ(HelperVLAN::createdVLANs(test.env, configuration),
-            (std::vector<CreatedVLAN>{{"vlan0", 42, "eth1x", "Office net"},
-                                      {"vlan1", 42, "eth0x", ""},
-                                      {"vlan2", 60, "eth0x", longest},
-                                      {"vlan3", 255, "eth0x", ""},
-                                      {"vlan4", 300, "eth0x", ""}}));
-
-  // A VLAN made outside is seen with its tag and parent, but not deleted; it keeps its parent and
-  // tag to itself, and no VLAN carries another.
-  std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
-  const auto outside = named(*preferences, preferences->allVLANInterfaces(), "vlan7");
-  ASSERT_TRUE(outside.has_value());
-  EXPECT_EQ(preferences->tag(*outside), 7);
-  EXPECT_EQ(preferences->bsdName(preferences->physicalInterface(*outside).value()), "eth0x");
-  EXPECT_EQ(preferences->displayName(*outside), std::nullopt);
+  EXPECT_TRUE(shows("vlan3", "vlan protocol 802.1Q id 255 "));
+  EXPECT_EQ(list(), (std::vector<CreatedVLAN>{{"vlan0", 42, "eth1x", "Office net"},
+                                              {"vlan1", 42, "eth0x", ""},
+                                              {"vlan2", 60, "eth0x", longest},
+                                              {"vlan3", 255, "eth0x", ""},
+                                              {"vlan4", 300, "eth0x", ""}}));
+  // A VLAN made outside is not deleted, keeps its parent and tag to itself and carries no VLAN.
   EXPECT_EQ(errorOf([&] { remove("vlan7"); }), "Tarnly's helper only removes VLANs it created.");
   EXPECT_TRUE(linkExists("vlan7"));
   EXPECT_EQ(errorOf([&] { create("", 7, "eth0x"); }),
             "macOS refused to create the VLAN interface.");
   EXPECT_EQ(errorOf([&] { create("", 5, "vlan7"); }), "No physical interface named vlan7.");
-
   remove("vlan0");
   remove("vlan3");
   EXPECT_FALSE(linkExists("vlan0") || linkExists("vlan3"));
-  EXPECT_TRUE(linkExists("vlan1"));
   EXPECT_EQ(create("", 4094, "eth1x"), "vlan0");  // the lowest free name again
-  EXPECT_NE(details("vlan0").find("id 4094 "), std::string::npos);
-  EXPECT_EQ(HelperVLAN::createdVLANs(test.env, configuration),
-            (std::vector<CreatedVLAN>{{"vlan1", 42, "eth0x", ""},
-                                      {"vlan2", 60, "eth0x", longest},
-                                      {"vlan4", 300, "eth0x", ""},
-                                      {"vlan0", 4094, "eth1x", ""}}));
+  EXPECT_TRUE(shows("vlan0", "id 4094 "));
 
   // Commit looks at the kernel again. A name another program took meanwhile: the next free one.
-  preferences = configuration.createPreferences("test");
-  std::optional<NetworkInterfaceID> vlan = plan(*preferences, "eth1x", 100);
+  std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
+  std::optional<ID> vlan = plan(*preferences, "eth1x", 100);
   const std::string planned = preferences->bsdName(vlan.value()).value_or("");
   addParent(planned);
   ASSERT_TRUE(preferences->commit() && preferences->apply());
   const std::string actual = preferences->bsdName(*vlan).value_or("");
   EXPECT_NE(actual, planned);
-  EXPECT_NE(details(actual).find("id 100 "), std::string::npos);
+  EXPECT_TRUE(shows(actual, "id 100 "));
   // A VLAN another program removed meanwhile; a parent and tag another program took meanwhile.
   ASSERT_TRUE(preferences->remove(*vlan));
-  mustIP({"link", "del", actual});
+  mustIP("link del " + actual);
   EXPECT_FALSE(preferences->commit());
   preferences = configuration.createPreferences("test");
   vlan = plan(*preferences, "eth1x", 300);
-  mustIP({"link", "add", "link", "eth1x", "name", "out300", "type", "vlan", "id", "300"});
+  mustIP("link add link eth1x name out300 type vlan id 300");
   EXPECT_FALSE(preferences->commit());
   EXPECT_FALSE(linkExists(preferences->bsdName(vlan.value()).value_or("")));
   preferences.reset();
@@ -222,38 +201,36 @@ TEST_F(NetlinkVLANInNamespace, OnlyPlainEthernetLinksCarryVLANsAndNoSocketStaysO
   addParent("eth3x");
   addParent("eth4x");
   // Link kinds the kernel may lack; each is checked where it has them.
-  ip({"link", "add", "br3x", "type", "bridge"});
-  ip({"link", "add", "link", "eth3x", "name", "mv3x", "type", "macvlan"});
-  ip({"tuntap", "add", "dev", "tap3x", "mode", "tap"});
-  ip({"tuntap", "add", "dev", "tun3x", "mode", "tun"});
-  ip({"link", "add", "bond3x", "type", "bond"});
+  for (const char* link :
+       {"link add br3x type bridge", "link add link eth3x name mv3x type macvlan",
+        "tuntap add dev tap3x mode tap", "tuntap add dev tun3x mode tun",
+        "link add bond3x type bond"}) {
+    ip(link);
+  }
   const std::set<std::string> before = openDescriptors();
   std::unique_ptr<VLANPreferences> preferences = configuration.createPreferences("test");
   ASSERT_NE(preferences, nullptr);
-  // The handle's sockets are close-on-exec.
-  const std::set<std::string> during = openDescriptors();
+  const std::set<std::string> during = openDescriptors();  // the handle's sockets: close-on-exec
   ASSERT_GT(during.size(), before.size());
   for (const std::string& fd : during) {
     const int flags = before.count(fd) != 0 ? FD_CLOEXEC : ::fcntl(std::stoi(fd), F_GETFD);
     EXPECT_TRUE(flags >= 0 && (flags & FD_CLOEXEC) != 0) << "descriptor " << fd;
   }
   // A VLAN on a parent that went away before the commit is refused; nothing is carried out.
-  const auto onEth4x = plan(*preferences, "eth4x", 200);
-  ASSERT_TRUE(onEth4x.has_value());
-  EXPECT_EQ(preferences->bsdName(*onEth4x), "vlan0");
+  const std::optional<ID> onEth4x = plan(*preferences, "eth4x", 200);
+  EXPECT_EQ(preferences->bsdName(onEth4x.value()), "vlan0");
   EXPECT_EQ(preferences->tag(*onEth4x), 200);
   EXPECT_EQ(preferences->physicalInterface(*onEth4x),
             named(*preferences, preferences->availablePhysicalInterfaces(), "eth4x"));
   EXPECT_EQ(named(*preferences, preferences->allVLANInterfaces(), "vlan0"), onEth4x);
-  mustIP({"link", "del", "eth4x"});
+  mustIP("link del eth4x");
   EXPECT_FALSE(preferences->commit());
   EXPECT_TRUE(preferences->apply());
   // A VLAN made and removed again in the same handle is never carried out.
   preferences = configuration.createPreferences("test");
   EXPECT_EQ(named(*preferences, preferences->availablePhysicalInterfaces(), "eth4x"), std::nullopt);
-  const auto dropped = plan(*preferences, "eth3x", 300);
-  ASSERT_TRUE(dropped.has_value());
-  EXPECT_TRUE(preferences->remove(*dropped));
+  const std::optional<ID> dropped = plan(*preferences, "eth3x", 300);
+  EXPECT_TRUE(preferences->remove(dropped.value()));
   EXPECT_FALSE(preferences->remove(*dropped));
   EXPECT_EQ(named(*preferences, preferences->allVLANInterfaces(), "vlan0"), std::nullopt);
   EXPECT_TRUE(preferences->commit() && preferences->apply());
@@ -261,8 +238,8 @@ TEST_F(NetlinkVLANInNamespace, OnlyPlainEthernetLinksCarryVLANsAndNoSocketStaysO
   preferences.reset();
   EXPECT_EQ(openDescriptors(), before);
 
-  // Refused and failed requests leave nothing open, and ids outside 802.1Q's usable range never
-  // reach the kernel.
+  // Refused and failed requests leave nothing open; ids outside 802.1Q's range never reach the
+  // kernel.
   for (const char* parent : {"eth9x", "br3x", "mv3x", "tap3x", "tun3x", "bond3x", "lo"}) {
     EXPECT_EQ(errorOf([&] { create("x", 5, parent); }),
               std::string("No physical interface named ") + parent + ".");
@@ -273,8 +250,7 @@ TEST_F(NetlinkVLANInNamespace, OnlyPlainEthernetLinksCarryVLANsAndNoSocketStaysO
         << tag;
   }
   EXPECT_EQ(errorOf([&] { remove("vlan99"); }), "No VLAN interface named vlan99.");
-  if (!noVLANs.empty()) {
-    // This kernel refuses the link when it is carried out: nothing is recorded and nothing stays.
+  if (!noVLANs.empty()) {  // this kernel refuses the link when it is carried out
     EXPECT_EQ(errorOf([&] { create("Lab", 4094, "eth3x"); }),
               "Could not save the network configuration.");
     EXPECT_FALSE(linkExists("vlan0"));
