@@ -219,9 +219,6 @@ TEST_F(NetlinkVLANInNamespace, OnlyPlainEthernetLinksCarryVLANsAndNoSocketStaysO
   // A VLAN on a parent that went away before the commit is refused; nothing is carried out.
   const std::optional<ID> onEth4x = plan(*preferences, "eth4x", 200);
   EXPECT_EQ(preferences->bsdName(onEth4x.value()), "vlan0");
-  EXPECT_EQ(preferences->tag(*onEth4x), 200);
-  EXPECT_EQ(preferences->physicalInterface(*onEth4x),
-            named(*preferences, preferences->availablePhysicalInterfaces(), "eth4x"));
   EXPECT_EQ(named(*preferences, preferences->allVLANInterfaces(), "vlan0"), onEth4x);
   mustIP("link del eth4x");
   EXPECT_FALSE(preferences->commit());
