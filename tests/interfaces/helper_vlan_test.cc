@@ -114,7 +114,7 @@ class HelperVLANTest : public ::testing::Test {
   }
   // A VLAN made outside the helper.
   void vlan(const std::string& name, std::optional<std::int64_t> tag, std::optional<ID> parent,
-            Text display = {}) {
+            const Text& display = {}) {
     fake.all.push_back(
         {.bsdName = name, .displayName = display, .vlan = true, .tag = tag, .parent = parent});
   }
