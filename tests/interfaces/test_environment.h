@@ -1,5 +1,5 @@
 // TestEnvironment: a HelperEnvironment on a temporary tree with a fixed clock, and the messages
-// its log received.
+// its log received. Not thread-safe beyond what HelperEnvironment is.
 #pragma once
 
 #include <functional>
@@ -9,9 +9,7 @@
 #include "interfaces/helper_vlan.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "platform/host_paths.h"
 #include "platform/text.h"
-#include "service/helper_environment.h"
 #include "service/helper_log.h"
 #include "support/temp_tree.h"
 
@@ -25,26 +23,22 @@ inline std::string errorOf(const std::function<void()>& call) {
   return "<no error>";
 }
 
-inline TimePoint fixedTestTime() {
-  return fromSecondsSinceReferenceDate(800000000);
-}
-
 struct TestEnvironment {
+  static TimePoint now() { return fromSecondsSinceReferenceDate(800000000); }
   TempTree tree;
   HostPaths paths = [this] {
     HostPaths p;
-    p.stateDirectory = tree.path("Library/Application Support/Tarnly");
+    p.stateDirectory = tree.path("state");
     p.logFile = tree.path("helper.log");
     p.rotatedLogFile = tree.path("helper.log.1");
     p.pgrep = tree.path("bin/pgrep");
     p.ifconfig = tree.path("bin/ifconfig");
     return p;
   }();
-  HelperLog log{paths.logFile, paths.rotatedLogFile, fixedTestTime};
-  HelperEnvironment env{paths, fixedTestTime, log};
+  HelperLog log{paths.logFile, paths.rotatedLogFile, now};
+  HelperEnvironment env{paths, now, log};
 
-  std::string recordFile() const { return paths.state("vlans.json"); }
-
+  std::string recordFile() const { return paths.state(HelperVLAN::kRecordFileName); }
   // The logged messages, time stamps left out.
   std::vector<std::string> logged() const {
     std::vector<std::string> messages;
