@@ -106,45 +106,42 @@ TEST(FirewallPreviewTool, PrintsTheSampleRulesetWithNotesOrAsAReportAndItLoadsIn
 // Every refusal: status 2, nothing on standard output and one sentence naming the input's fault.
 TEST(FirewallPreviewTool, RefusesBadInputWithStatusTwoAndOneSentence) {
   TempTree tree;
+  const std::string& p = kSample;
   const std::string usage =
       " (usage: tarnly-firewall-preview [--json] [--hosts FILE] [POLICY.json | -])\n";
-  const std::string tool = "2||tarnly-firewall-preview: ",
-                    hosts = "2||Could not read the hosts file: ";
-  const std::string& p = kSample;
-  int written = 0;
-  auto file = [&](const std::string& content) {
-    return tree.write(std::to_string(++written), content);
-  };
-  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{file("{}")},
-       "2||Could not read the firewall policy: the document: expected an array of networks, found "
-       "object\n"},
-      {{file("[")},
-       "2||Could not read the firewall policy: the document is not JSON: parse error at line 1, "
-       "column 2: syntax error while parsing value - unexpected end of input; expected '[', '{', "
-       "or a literal\n"},
-      {{tree.path("absent")},
-       "2||Could not read the firewall policy: open(" + tree.path("absent") +
-           "): No such file or directory\n"},
-      {{"--verbose", p}, tool + "unknown option \"--verbose\"" + usage},
-      {{p, "--hosts"}, tool + "--hosts needs a file" + usage},
-      {{"--hosts=", p}, tool + "--hosts needs a file" + usage},
-      {{p, p}, tool + "only one policy file can be previewed at a time" + usage},
-      {{"--hosts", tree.path("absent"), p},
-       hosts + "open(" + tree.path("absent") + "): No such file or directory\n"},
-      {{"--hosts", file("en0"), p},
-       hosts + "it is not JSON: parse error at line 1, column 1: syntax error while parsing value "
-               "- invalid literal; last read: 'e'\n"},
-      {{"--hosts", file(R"({"interface": "en0"})"), p},
-       hosts + "the document: expected an array, found object\n"},
-      {{"--hosts",
-        file(R"([{"interface": "en0", "address": "192.168.1.300", "prefixLength": 24}])"), p},
-       hosts + "[0].address: \"192.168.1.300\" is not an IPv4 or IPv6 address\n"},
-      {{"--hosts", file(R"([{"interface": "en0", "address": "::1", "prefixLength": "64"}])"), p},
-       hosts + "[0].prefixLength: \"64\" is not an integer from 0 to 128\n"},
-      {{"--hosts", file(R"([{"address": "::1", "prefixLength": 64}])"), p},
-       hosts + "[0].interface: required key is missing\n"}};
-  for (const auto& [arguments, answer] : cases) EXPECT_EQ(preview(arguments), answer);
+  const std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
+      {{"--verbose", p}, "unknown option \"--verbose\""},
+      {{p, "--hosts"}, "--hosts needs a file"},
+      {{"--hosts=", p}, "--hosts needs a file"},
+      {{p, p}, "only one policy file can be previewed at a time"}};
+  for (const auto& [arguments, fault] : lines)
+    EXPECT_EQ(preview(arguments), "2||tarnly-firewall-preview: " + fault + usage);
+  // Policy files, then hosts files: what is in them (none: no such file) and the fault.
+  const std::vector<std::pair<std::string, std::string>> policies = {
+      {"{}", "the document: expected an array of networks, found object"},
+      {"[",
+       "the document is not JSON: parse error at line 1, column 2: syntax error while parsing "
+       "value - unexpected end of input; expected '[', '{', or a literal"},
+      {"", "open(" + tree.path("absent") + "): No such file or directory"}};
+  const std::vector<std::pair<std::string, std::string>> hosts = {
+      {"en0",
+       "it is not JSON: parse error at line 1, column 1: syntax error while parsing value - "
+       "invalid literal; last read: 'e'"},
+      {R"({"interface": "en0"})", "the document: expected an array, found object"},
+      {R"([{"interface": "en0", "address": "192.168.1.300", "prefixLength": 24}])",
+       "[0].address: \"192.168.1.300\" is not an IPv4 or IPv6 address"},
+      {R"([{"interface": "en0", "address": "::1", "prefixLength": "64"}])",
+       "[0].prefixLength: \"64\" is not an integer from 0 to 128"},
+      {R"([{"address": "::1", "prefixLength": 64}])", "[0].interface: required key is missing"},
+      {"", "open(" + tree.path("absent") + "): No such file or directory"}};
+  for (const auto& [content, fault] : policies) {
+    const std::string input = content.empty() ? tree.path("absent") : tree.write("input", content);
+    EXPECT_EQ(preview({input}), "2||Could not read the firewall policy: " + fault + "\n");
+  }
+  for (const auto& [content, fault] : hosts) {
+    const std::string input = content.empty() ? tree.path("absent") : tree.write("input", content);
+    EXPECT_EQ(preview({"--hosts", input, p}), "2||Could not read the hosts file: " + fault + "\n");
+  }
 }
 
 }  // namespace
