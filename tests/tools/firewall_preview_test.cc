@@ -109,13 +109,14 @@ TEST(FirewallPreviewTool, RefusesBadInputWithStatusTwoAndOneSentence) {
   const std::string& p = kSample;
   const std::string usage =
       " (usage: tarnly-firewall-preview [--json] [--hosts FILE] [POLICY.json | -])\n";
-  const std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
+  std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
       {{"--verbose", p}, "unknown option \"--verbose\""},
       {{p, "--hosts"}, "--hosts needs a file"},
       {{"--hosts=", p}, "--hosts needs a file"},
       {{p, p}, "only one policy file can be previewed at a time"}};
-  for (const auto& [arguments, fault] : lines)
-    EXPECT_EQ(preview(arguments), "2||tarnly-firewall-preview: " + fault + usage);
+  for (auto& [arguments, fault] : lines) {
+    EXPECT_EQ(preview(arguments), "2||tarnly-firewall-preview: " + fault.append(usage));
+  }
   // Policy files, then hosts files: what is in them (none: no such file) and the fault.
   const std::vector<std::pair<std::string, std::string>> policies = {
       {"{}", "the document: expected an array of networks, found object"},
