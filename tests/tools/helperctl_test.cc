@@ -1,13 +1,16 @@
-// The client, run as a program against a stand-in helper socket: what it sends for each kind of
-// argument, what it prints for each kind of answer, and that a bad command line sends nothing.
+// The client against a stand-in helper socket: the request each kind of argument makes, one line
+// for each kind of answer, and nothing sent for a bad command line.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,110 +19,66 @@
 #include "service/wire_frame.h"
 #include "support/temp_tree.h"
 
-namespace {
-
-// A listening socket that answers one connection with a canned frame (or closes it unanswered).
-class StandInHelper {
- public:
-  explicit StandInHelper(const TempTree& tree) : path_(tree.path("helper.sock")) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path_.c_str(), sizeof(address.sun_path) - 1);
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(::listen(listener_, 4), 0);
-  }
-  ~StandInHelper() { ::close(listener_); }
-
-  // Runs the client with `arguments` while serving one connection with `answer` (empty: close).
-  HelperCommand::Result serveOnce(std::vector<std::string> arguments, const std::string& answer) {
-    std::thread server([&] {
-      int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      received_ = WireFrame::read(connection).payload;
+TEST(HelperctlTest, SendsTypedArgumentsAnswersOnOneLineAndSendsNothingForABadCommandLine) {
+  TempTree tree;
+  sockaddr_un address{AF_UNIX, {}};
+  const std::string socket = tree.path("helper.sock"),
+                    vlan = "createVLANWithName:tag:parentBSD:withReply:";
+  std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  // "<request received> -> status|stdout|stderr"; the stand-in answers one connection with
+  // `answer` (empty: closes it unanswered), or accepts none when the client is to send nothing.
+  auto run = [&](std::vector<std::string> arguments, const std::string& answer, bool sends) {
+    std::string sent;
+    std::thread helper([&] {
+      if (!sends) return;
+      const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      sent = WireFrame::read(connection).payload;
       if (!answer.empty()) WireFrame::write(connection, answer);
       ::close(connection);
     });
-    HelperCommand::Result result = run(std::move(arguments));
-    server.join();
-    return result;
-  }
-  HelperCommand::Result run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--socket", path_});
-    return HelperCommand::run(TARNLY_HELPERCTL_PATH, arguments);
-  }
-  // True when a client is waiting to be accepted.
-  bool connectionPending() {
-    pollfd waiting{listener_, POLLIN, 0};
-    return ::poll(&waiting, 1, 0) == 1;
-  }
-  const std::string& received() const { return received_; }
-
- private:
-  std::string path_;
-  int listener_ = -1;
-  std::string received_;
-};
-
-TEST(HelperctlTest, SendsEachKindOfArgumentAndPrintsTheReplyOnOneLine) {
-  TempTree tree;
-  StandInHelper helper(tree);
-  std::string policy = tree.write("policy.json", "[]");
-  struct Case {
-    std::vector<std::string> arguments;
-    std::string sent;
-  } cases[] = {
+    arguments.insert(arguments.begin(), {"--socket", socket});
+    HelperCommand::Result result = HelperCommand::run(TARNLY_HELPERCTL_PATH, arguments);
+    helper.join();
+    pollfd waiting{listener, POLLIN, 0};
+    EXPECT_EQ(::poll(&waiting, 1, 0), 0) << "a connection is left waiting";
+    return sent + " -> " + std::to_string(result.status) + "|" + result.stdout + "|" +
+           result.stderr;
+  };
+  const std::string reply = R"({"reply": ["line one\nline two", null]})";
+  const std::string printed = R"( -> 0|["line one\nline two",null])"
+                              "\n|";
+  const std::vector<std::pair<std::vector<std::string>, std::string>> typed = {
       {{"helperVersionWithReply:"}, R"({"args":[],"method":"helperVersionWithReply:"})"},
-      {{"createVLANWithName:tag:parentBSD:withReply:", "Lab \"1\"", "-9223372036854775808", "en0"},
-       R"({"args":["Lab \"1\"",-9223372036854775808,"en0"],)"
-       R"("method":"createVLANWithName:tag:parentBSD:withReply:"})"},
+      {{vlan, "Lab \"1\"", "-9223372036854775808", "en0"},
+       R"({"args":["Lab \"1\"",-9223372036854775808,"en0"],"method":")" + vlan + "\"}"},
       {{"setTarnlyResolverWithEnabled:withReply:", "false"},
        R"({"args":[false],"method":"setTarnlyResolverWithEnabled:withReply:"})"},
-      {{"applyFirewallWithPolicyData:withReply:", policy},
-       R"({"args":["W10="],"method":"applyFirewallWithPolicyData:withReply:"})"},
-  };
-  for (const Case& c : cases) {
-    HelperCommand::Result result =
-        helper.serveOnce(c.arguments, R"({"reply": ["line one\nline two", null]})");
-    EXPECT_EQ(helper.received(), c.sent);
-    EXPECT_EQ(result.status, 0) << result.stderr;
-    EXPECT_EQ(result.stdout, "[\"line one\\nline two\",null]\n");
+      {{"applyFirewallWithPolicyData:withReply:", tree.write("policy.json", "[]")},
+       R"({"args":["W10="],"method":"applyFirewallWithPolicyData:withReply:"})"}};
+  for (const auto& [arguments, sent] : typed)
+    EXPECT_EQ(run(arguments, reply, true), sent + printed);
+  for (const auto& [answer, line] : std::vector<std::pair<std::string, std::string>>{
+           {R"({"fault": "Unknown method."})", " refused the request: Unknown method."},
+           {"", " closed the connection without a reply"},
+           {R"({"replies": []})", "'s answer is neither a reply nor a fault"}}) {
+    EXPECT_EQ(
+        run({"removeFirewallWithReply:"}, answer, true),
+        R"({"args":[],"method":"removeFirewallWithReply:"} -> 1||tarnly-helperctl: the helper)" +
+            line + "\n");
   }
-}
-
-TEST(HelperctlTest, AFaultOrAConnectionClosedUnansweredIsOneLineAndStatusOne) {
-  TempTree tree;
-  StandInHelper helper(tree);
-  HelperCommand::Result fault =
-      helper.serveOnce({"removeFirewallWithReply:"}, R"({"fault": "Unknown method."})");
-  EXPECT_EQ(fault.status, 1);
-  EXPECT_EQ(fault.stderr, "tarnly-helperctl: the helper refused the request: Unknown method.\n");
-  HelperCommand::Result closed = helper.serveOnce({"removeFirewallWithReply:"}, "");
-  EXPECT_EQ(closed.status, 1);
-  EXPECT_EQ(closed.stderr, "tarnly-helperctl: the helper closed the connection without a reply\n");
-  EXPECT_EQ(fault.stdout + closed.stdout, "");
-}
-
-TEST(HelperctlTest, ABadCommandLineIsAUsageErrorAndSendsNothing) {
-  TempTree tree;
-  StandInHelper helper(tree);
-  const std::vector<std::string> cases[] = {
-      {},
-      {"helperVersion"},
-      {"helperVersionWithReply:", "extra"},
-      {"deleteVLANWithBsdName:withReply:"},
-      {"createVLANWithName:tag:parentBSD:withReply:", "Lab", "9223372036854775808", "en0"},
-      {"createVLANWithName:tag:parentBSD:withReply:", "Lab", "12a", "en0"},
-      {"createVLANWithName:tag:parentBSD:withReply:", "Lab", "", "en0"},
-      {"setTarnlyResolverWithEnabled:withReply:", "True"},
-      {"applyFirewallWithPolicyData:withReply:", tree.path("missing.json")},
-      {"deleteVLANWithBsdName:withReply:", "vlan\xff"},
-  };
-  for (const std::vector<std::string>& arguments : cases) {
-    HelperCommand::Result result = helper.run(arguments);
-    EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
-    EXPECT_NE(result.stderr.find("usage: tarnly-helperctl"), std::string::npos);
-    EXPECT_FALSE(helper.connectionPending()) << testing::PrintToString(arguments);
+  for (const std::string& line : std::vector<std::string>{
+           "", "helperVersion", "helperVersionWithReply: extra",
+           "deleteVLANWithBsdName:withReply:", vlan + " Lab 9223372036854775808 en0",
+           vlan + " Lab 12a en0", "setTarnlyResolverWithEnabled:withReply: True",
+           "applyFirewallWithPolicyData:withReply: " + socket + "x",
+           "deleteVLANWithBsdName:withReply: vlan\xff"}) {
+    std::istringstream words(line);
+    EXPECT_THAT(run({std::istream_iterator<std::string>(words), {}}, "", false),
+                ::testing::MatchesRegex(
+                    " -> 2\\|\\|(tarnly-helperctl: [^\n]+\n)?usage: tarnly-helperctl .*"));
   }
+  ::close(listener);
 }
-
-}  // namespace

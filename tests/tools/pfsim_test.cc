@@ -1,7 +1,12 @@
-// The pf simulator, driven as the helper drives it: one process per pfctl invocation through its
-// installed wrapper, with the state read back through PfSimulator.
+// The pf simulator (through its installed wrapper, its state read back through PfSimulator) and
+// tarnly-pfctl, one process per invocation as the helper runs them. Answers:
+// "status|stdout|stderr".
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,220 +18,199 @@
 namespace {
 
 const std::string anchor = "com.apple/900.tarnly.firewall";
-const std::string refusedTail = "pfctl: Syntax error in config file: pf rules not loaded\n";
+const std::string refused = "pfctl: Syntax error in config file: pf rules not loaded\n";
 const std::string altq = "No ALTQ support in kernel\nALTQ related functions disabled\n";
+const std::string loaded =
+    "0||pfctl: Use of -f option, could result in flushing of rules\npresent in the main ruleset "
+    "added by the system at startup.\nSee /etc/pf.conf for further details.\n\n" +
+    altq;
+const std::string busy = "1||pfctl: DIOCXCOMMIT: Resource busy\n";
 
 class PfSimulatorTest : public ::testing::Test {
  protected:
-  HelperCommand::Result pfctl(const std::vector<std::string>& arguments) const {
-    return HelperCommand::run(pf.pfctlPath(), arguments);
+  std::string pfctl(const std::vector<std::string>& arguments) const {
+    HelperCommand::Result result = HelperCommand::run(pf.pfctlPath(), arguments);
+    return std::to_string(result.status) + "|" + result.stdout + "|" + result.stderr;
   }
-  HelperCommand::Result load(const std::string& text, const std::string& into = anchor) {
-    rules = tree.write("firewall.pf.conf", text);
-    return pfctl({"-a", into, "-f", rules});
+  std::string load(const std::string& text, const std::string& into = anchor) const {
+    return pfctl({"-a", into, "-f", tree.write("rules.conf", text)});
   }
-  std::string listing() const { return pfctl({"-a", anchor, "-sr"}).stdout; }
-
   TempTree tree;
   PfSimulator pf{TARNLY_PFSIM_PATH, tree.path("sbin/pfctl"), tree.path("pfsim")};
-  std::string rules;
+  const std::string rules = tree.path("rules.conf");
 };
 
-TEST_F(PfSimulatorTest, LoadsTheHelpersLinesAndListsThemNormalizedAsPfDoes) {
-  const std::string text =
-      "# --- Lab (192.168.64.0/24) ---\n"
-      "block drop quick on bridge100 inet6 all\n"
-      "pass in quick proto udp from 192.168.64.0/24 port 68 to { 192.168.64.1, 255.255.255.255 } "
-      "port 67 keep state\n"
-      "pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1/32 port 53 keep state\n"
-      "pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state\n"
-      "pass out quick proto icmp from any to 192.168.64.0/24 keep state\n"
-      "pass in quick from any to any keep state # trailing comment\n"
-      "\tblock drop out quick on en0 from 0.0.0.0/0 to { 10.0.0.1 { 10.0.0.2, any } }\n";
-  auto result = load(text);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.stdout, "");
-  EXPECT_EQ(result.stderr,
-            "pfctl: Use of -f option, could result in flushing of rules\n"
-            "present in the main ruleset added by the system at startup.\n"
-            "See /etc/pf.conf for further details.\n\n" +
-                altq);
-  EXPECT_EQ(pf.loadedRuleset(anchor), text);
-  const std::string listed =
-      "block drop quick on bridge100 inet6 all\n"
-      "pass in quick proto udp from 192.168.64.0/24 port = 68 to 192.168.64.1 port = 67 "
-      "keep state\n"
-      "pass in quick proto udp from 192.168.64.0/24 port = 68 to 255.255.255.255 port = 67 "
-      "keep state\n"
-      "pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1 port = 53 flags S/SA "
-      "keep state\n"
-      "pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state\n"
-      "pass out quick proto icmp from any to 192.168.64.0/24 keep state\n"
-      "pass in quick all keep state\n"
-      "block drop out quick on en0 from any to 10.0.0.1\n"
-      "block drop out quick on en0 from any to 10.0.0.2\n"
-      "block drop out quick on en0 all\n";
-  EXPECT_EQ(listing(), listed);
-  const std::string counters = "  [ Evaluations: 0  Packets: 0  Bytes: 0  States: 0 ]\n";
-  const std::string verbose = pfctl({"-a", anchor, "-v", "-sr"}).stdout;
-  EXPECT_EQ(verbose.substr(0, 40 + counters.size()),
-            "block drop quick on bridge100 inet6 all\n" + counters);
-  EXPECT_EQ(verbose.size(), listed.size() + 10 * counters.size());
-
-  // Anchors are separate; a load replaces, a flush empties, an empty ruleset loads empty.
-  ASSERT_EQ(load("pass in quick from 10.0.0.0/8 to any\n", "other").status, 0);
-  EXPECT_EQ(listing(), listed);
-  auto flush = pfctl({"-a", anchor, "-F", "rules"});
-  EXPECT_EQ(flush.stderr, altq + "rules cleared\n");
-  EXPECT_EQ(listing(), "");
-  EXPECT_EQ(pf.loadedRuleset("other"), "pass in quick from 10.0.0.0/8 to any\n");
-  ASSERT_EQ(load("").status, 0);
-  EXPECT_EQ(listing(), "");
-}
-
-TEST_F(PfSimulatorTest, RefusesLinesOutsideTheGrammarNamingTheLineAndKeepsTheOldRules) {
-  const std::string kept = "pass in quick from 192.168.64.0/24 to any keep state\n";
-  ASSERT_EQ(load(kept).status, 0);
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"pass in quick log from any to any", "syntax error"},
-      {"block in quick from any to any", "syntax error"},
-      {"pass in quick proto sctp from any to any", "syntax error"},
-      {"pass in quick from 10.0.0.256 to any", "syntax error"},
-      {"pass in quick from 10.0.0.01 to any", "syntax error"},
-      {"pass in quick from 10.0.0.0/33 to any", "syntax error"},
-      {"pass in quick from lab.example to any", "syntax error"},
-      {"pass in quick proto tcp from any to any port 0", "syntax error"},
-      {"pass in quick proto tcp from any to any port 8080:8000", "syntax error"},
-      {"pass in quick proto tcp from any to any port 80-90", "syntax error"},
-      {"pass in quick from { } to any", "syntax error"},
-      {"pass in quick from { 10.0.0.1, } to any", "syntax error"},
-      {"pass in quick from any", "syntax error"},
-      {"pass in quick from any to any keep state now", "syntax error"},
-      {"pass in quick on { en0 } from any to any", "syntax error"},
-      {"pass in quick inet from any to any", "syntax error"},
-      {"pass in quick all\r", "syntax error"},
-      {"pass in quick from any port 53 to any", "port only applies to tcp/udp"},
-      {"block drop quick inet6 from 10.0.0.1 to any", "rule expands to no valid combination"},
-  };
-  for (const auto& [line, message] : cases) {
-    auto result = load("# header\n" + kept + line + "\n" + kept);
-    EXPECT_EQ(result.status, 1) << line;
-    EXPECT_EQ(result.stderr, rules + ":3: " + message + "\n" + refusedTail) << line;
-  }
-  EXPECT_EQ(pf.loadedRuleset(anchor), kept);
-}
-
-// Every other invocation the helper makes, and the ones it never makes, with pf's exact answers.
 TEST_F(PfSimulatorTest, AnswersEachInvocationAsPfDoes) {
+  const std::string text =
+      "\tblock drop out quick on en0 from 0.0.0.0/0 to { 10.0.0.1 { 10.0.0.2, any } }\n"
+      R"(# --- Lab (192.168.64.0/24) ---
+block drop quick on bridge100 inet6 all
+pass in quick proto udp from 192.168.64.0/24 port 68 to 192.168.64.1 port 67
+pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1/32 port 53 keep state
+pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
+pass in quick from any to any keep state # trailing comment
+)";
+  EXPECT_EQ(load(text), loaded);
+  EXPECT_EQ(pfctl({"-a", anchor, "-sr"}),
+            "0|" + std::string(R"(block drop out quick on en0 from any to 10.0.0.1
+block drop out quick on en0 from any to 10.0.0.2
+block drop out quick on en0 all
+block drop quick on bridge100 inet6 all
+pass in quick proto udp from 192.168.64.0/24 port = 68 to 192.168.64.1 port = 67
+pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1 port = 53 flags S/SA keep state
+pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
+pass in quick all keep state
+|)") + altq);
+
+  // A refusal names the line (here the third), keeps the rules loaded before and uses up no busy
+  // answer of the kernel's.
+  pf.failNextLoads(1);
+  const std::string third = "1||" + rules + ":3: ", syntax = third + "syntax error\n" + refused;
+  std::vector<std::pair<std::string, std::string>> refusals = {
+      {"pass in quick from any port 53 to any", third + "port only applies to tcp/udp\n" + refused},
+      {"block drop quick inet6 from 10.0.0.1 to any",
+       third + "rule expands to no valid combination\n" + refused}};
+  for (const char* line :
+       {"pass in quick log all", "block in quick all", "pass in quick all\r",
+        "pass in quick proto sctp all", "pass in quick from 10.0.0.256 to any",
+        "pass in quick from 10.0.0.01 to any", "pass in quick from 10.0.0.0/33 to any",
+        "pass in quick from lab.example to any", "pass in quick proto tcp from any to any port 0",
+        "pass in quick proto tcp from any to any port 8080:8000",
+        "pass in quick proto udp from any port 80-90", "pass in quick from { } to any",
+        "pass in quick from { 10.0.0.1, } to any", "pass in quick from any",
+        "pass in quick all keep state now", "pass in quick on { en0 } all"}) {
+    refusals.emplace_back(line, syntax);
+  }
+  for (const auto& [line, answer] : refusals) {
+    EXPECT_EQ(load("# header\npass in quick all\n" + line + "\npass in quick all\n"), answer);
+  }
+  EXPECT_EQ(load("pass in quick all\n"), busy);
+  EXPECT_EQ(pf.loadedRuleset(anchor), text);
+
+  // Anchors are separate: a flush empties one; -v adds counters; an empty ruleset loads empty.
+  EXPECT_EQ(load("pass in quick all\n", "other") + pfctl({"-a", anchor, "-F", "rules"}),
+            loaded + "0||" + altq + "rules cleared\n");
+  EXPECT_EQ(pfctl({"-a", anchor, "-sr"}) + pfctl({"-a", "other", "-v", "-sr"}),
+            "0||" + altq +
+                "0|pass in quick all\n  [ Evaluations: 0  Packets: 0  Bytes: 0  States: 0 ]\n|" +
+                altq);
+  EXPECT_EQ(load("") + pfctl({"-a", anchor, "-sr"}), loaded + "0||" + altq);
+
+  // The other invocations the helper makes, and the ones it never makes.
+  pf.clearInvocations();
   pf.addState("192.168.64.2", "1.1.1.1");
   pf.addState("10.0.0.1", "192.168.64.4");
   pf.addState("192.168.640.1", "192.168.64.6");  // not an address: never matched
-  const std::string usage = "usage: pfctl ";
-  struct Case {
-    std::vector<std::string> arguments;
-    int status;
-    std::string stdoutText;
-    std::string stderrText;  // a prefix when it is `usage`
-  };
-  const std::vector<Case> cases = {
-      {{"-si"},
-       0,
-       "Status: Disabled for 0 days 00:00:00          Debug: Urgent\n\n"
-       "State Table                          Total             Rate\n"
-       "  current entries                        3\n"
-       "  searches                               0            0.0/s\n"
-       "  inserts                                0            0.0/s\n"
-       "  removals                               0            0.0/s\n",
-       altq},
-      {{"-E"}, 0, "", altq + "pf enabled\n"},
-      {{"-E"}, 0, "", altq + "pfctl: pf already enabled\n"},
+  const std::string killed = "0||" + altq + "killed 1 states from 1 sources and ";
+  std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"-si"}, R"(0|Status: Disabled for 0 days 00:00:00          Debug: Urgent
+
+State Table                          Total             Rate
+  current entries                        3
+  searches                               0            0.0/s
+  inserts                                0            0.0/s
+  removals                               0            0.0/s
+|)" + altq},
+      {{"-E"}, "0||" + altq + "pf enabled\n"},
+      {{"-E"}, "0||" + altq + "pfctl: pf already enabled\n"},
       {{"-sr"},
-       0,
-       "scrub-anchor \"com.apple/*\" all fragment reassemble\nanchor \"com.apple/*\" all\n",
-       altq},
-      {{"-a", anchor, "-sr"}, 0, "", altq},
-      {{"-k", "192.168.64.0/24"},
-       0,
-       "",
-       altq + "killed 1 states from 1 sources and 0 destinations\n"},
-      {{"-k", "0.0.0.0/0", "-k", "192.168.64.0/24"},
-       0,
-       "",
-       altq + "killed 1 states from 1 sources and 1 destinations\n"},
-      {{"-k", "lab.example"}, 1, "", "pfctl: no IP address found for lab.example\n"},
-      {{"-a", anchor, "-f", tree.path("nowhere.conf")},
-       1,
-       "",
-       "pfctl: cannot open the main config file!: No such file or directory\n" + refusedTail},
-      {{}, 1, "", usage},
-      {{"-sa"}, 1, "", usage},
-      {{"-e"}, 1, "", usage},
-      {{"-E", "-E"}, 1, "", usage},
-      {{"-si", "extra"}, 1, "", usage},
-      {{"-a", anchor}, 1, "", usage},
-      {{"-a", "", "-sr"}, 1, "", usage},
-      {{"-a", anchor, "-sr", "-v"}, 1, "", usage},
-      {{"-a", anchor, "-F", "all"}, 1, "", usage},
-      {{"-k", "10.0.0.0/8", "-k"}, 1, "", usage},
-      {{"-k", "10.0.0.0/8", "-K", "10.0.0.1"}, 1, "", usage},
-  };
+       "0|scrub-anchor \"com.apple/*\" all fragment reassemble\nanchor \"com.apple/*\" all\n|" +
+           altq},
+      {{"-a", "with space/and \"quotes\"", "-sr"}, "0||" + altq},
+      {{"-k", "192.168.64.0/24"}, killed + "0 destinations\n"},
+      {{"-k", "0.0.0.0/0", "-k", "192.168.64.0/24"}, killed + "1 destinations\n"},
+      {{"-k", "lab.example"}, "1||pfctl: no IP address found for lab.example\n"},
+      {{"-a", anchor, "-f", rules + "x"},
+       "1||pfctl: cannot open the main config file!: No such file or directory\n" + refused},
+      {{"-a", "", "-sr"}, ""}};
+  for (const char* line : {"", "-sa", "-e", "-E -E", "-si extra", "-a a", "-a a -sr -v",
+                           "-a a -F all", "-k 10.0.0.0/8 -k", "-k 10.0.0.0/8 -K 10.0.0.1"}) {
+    std::istringstream words(line);
+    cases.push_back({{std::istream_iterator<std::string>(words), {}}, ""});  // pfctl's usage
+  }
   std::vector<std::vector<std::string>> invoked;
-  for (const Case& c : cases) {
-    auto result = pfctl(c.arguments);
-    invoked.push_back(c.arguments);
-    EXPECT_EQ(result.status, c.status) << c.arguments.size();
-    EXPECT_EQ(result.stdout, c.stdoutText);
-    if (c.stderrText == usage) {
-      EXPECT_EQ(result.stderr.rfind(usage, 0), 0u) << result.stderr;
-    } else {
-      EXPECT_EQ(result.stderr, c.stderrText);
-    }
+  for (auto& [arguments, answer] : cases) {
+    const std::string usage = "1||usage: pfctl [-AdeghMmNnOqRrvz] [-a anchor] ";  // and the rest
+    EXPECT_EQ(pfctl(arguments).substr(0, answer.empty() ? usage.size() : std::string::npos),
+              answer.empty() ? usage : answer)
+        << testing::PrintToString(arguments);
+    invoked.push_back(arguments);
   }
   EXPECT_EQ(pf.states(), std::vector<std::string>{"192.168.640.1 192.168.64.6"});
-  EXPECT_TRUE(pf.enabled());
   EXPECT_EQ(pf.invocations(), invoked);
-  pf.setEnabled(false);
-  pf.setMainRuleset("anchor \"com.apple/*\" all\n");
-  EXPECT_EQ(pfctl({"-si"}).stdout.rfind("Status: Disabled", 0), 0u);
-  EXPECT_EQ(pfctl({"-sr"}).stdout, "anchor \"com.apple/*\" all\n");
-  pf.clearInvocations();
-  PfSimulator second(TARNLY_PFSIM_PATH, tree.path("bin/pfctl2"), tree.path("pfsim"));
-  HelperCommand::run(second.pfctlPath(), {"-a", "with space/and \"quotes\"", "-sr"});
-  const std::vector<std::vector<std::string>> quoted = {{"-a", "with space/and \"quotes\"", "-sr"}};
-  EXPECT_EQ(pf.invocations(), quoted);
+  EXPECT_TRUE(pf.enabled());
 }
 
 TEST_F(PfSimulatorTest, ConcurrentRunsShareOneStateAndBusyAnswersGoToTheNextLoadsOnly) {
-  constexpr int runs = 8;
-  pf.failNextLoads(runs / 2);
-  // A ruleset that does not parse is refused before the commit and uses up no busy answer.
-  std::string refused = load("nonsense\n").stderr;
-  EXPECT_EQ(refused, rules + ":1: syntax error\n" + refusedTail);
-  for (int i = 0; i < runs; ++i) pf.addState("10.0." + std::to_string(i) + ".1", "1.1.1.1");
-  std::string file = tree.write("rules.conf", "pass in quick all\n");
-
-  std::vector<HelperCommand::Result> loads(runs);
-  std::vector<HelperCommand::Result> kills(runs);
+  pf.failNextLoads(4);
+  tree.write("rules.conf", "pass in quick all\n");
+  std::multiset<std::string> answers, expected;
+  std::mutex lock;
   std::vector<std::thread> threads;
-  for (int i = 0; i < runs; ++i) {
-    threads.emplace_back([&, i] {
-      loads[i] = pfctl({"-a", anchor, "-f", file});
-      kills[i] = pfctl({"-k", "10.0." + std::to_string(i) + ".0/24"});
+  for (int i = 0; i < 8; ++i) {
+    const std::string network = "10.0." + std::to_string(i);
+    pf.addState(network + ".1", "1.1.1.1");
+    expected.insert({i < 4 ? busy : loaded,
+                     "0||" + altq + "killed 1 states from 1 sources and 0 destinations\n"});
+    threads.emplace_back([&, network] {
+      std::string load = pfctl({"-a", anchor, "-f", rules}),
+                  kill = pfctl({"-k", network + ".0/24"});
+      std::lock_guard<std::mutex> hold(lock);
+      answers.insert({load, kill});
     });
   }
   for (auto& thread : threads) thread.join();
-  int busy = 0;
-  for (int i = 0; i < runs; ++i) {
-    if (loads[i].status != 0) {
-      ++busy;
-      EXPECT_EQ(loads[i].stderr, "pfctl: DIOCXCOMMIT: Resource busy\n");
-    }
-    EXPECT_EQ(kills[i].stderr, altq + "killed 1 states from 1 sources and 0 destinations\n");
-  }
-  EXPECT_EQ(busy, runs / 2);
+  EXPECT_EQ(answers, expected);
   EXPECT_TRUE(pf.states().empty());
-  EXPECT_EQ(pf.loadedRuleset(anchor), "pass in quick all\n");
-  EXPECT_EQ(pf.invocations().size(), 2u * runs + 1);
+  EXPECT_EQ(pf.invocations().size(), 16u);
+}
+
+// tarnly-pfctl in a network namespace of the test's own: the simulator's listings for the same
+// rules, refusals that change nothing, counters, and no table but its own touched.
+TEST_F(PfSimulatorTest,
+       TarnlyPfctlListsLikeTheSimulatorRefusesWithoutChangeAndTouchesNoOtherTable) {
+  HelperCommand::Result probe = HelperCommand::run("/usr/bin/unshare", {"--net", "/bin/true"});
+  if (probe.status != 0) GTEST_SKIP() << "no network namespaces here: " << probe.combinedOutput();
+  // Lines the kernel cannot dispatch by subnet (any source, overlapping subnets), lists with
+  // overlapping elements and one too long for one kernel rule; the last line is counted.
+  const std::string mixed = tree.write(
+      "mixed.conf",
+      R"(block drop quick on bridge100 inet6 all
+pass in quick proto tcp from any to any port 22 keep state
+block drop in quick from 192.168.64.0/24 to { 10.0.0.0/8, 10.1.0.0/16 }
+pass out quick proto icmp from any to 192.168.0.0/16 keep state
+pass out quick proto tcp from any to 192.168.64.0/24 port 8000:8080 keep state
+block drop out quick from any to 192.168.64.0/24
+)"
+      "pass out quick proto udp from { 10.1.1.1, 10.1.1.2, 10.1.1.3, 10.1.1.4, 10.1.1.5, 10.1.1.6, "
+      "10.1.1.7, 10.1.1.8 } to 192.168.64.0/24 port 53 keep state\npass out quick proto icmp from "
+      "any to 127.0.0.1\n");
+  const std::string script = R"sh(P=$1 S=$2 R=$3 A=com.apple/900.tarnly.firewall
+ip link set lo up; nft add table inet other; nft add chain inet other c
+nft add rule inet other c counter; other=$(nft list table inet other)
+$P -E; echo "status=$?"; $P -E; echo "status=$?"; $P -a $A -f $R; echo "load=$?"
+$S -a $A -f $R 2>/dev/null; listed=$($P -a $A -sr)
+[ "$listed" = "$($S -a $A -sr 2>/dev/null)" ] && echo "listed as simulated"
+echo "$listed" | grep 'from 10.1.1.8 to 192.168.64.0/24 port = 53 keep state'
+ping -c 1 -W 1 127.0.0.1 > /dev/null; $P -a $A -v -sr | tail -2
+$P -a $A -f "$4" 2>&1; echo "status=$?"; [ "$listed" = "$($P -a $A -sr)" ] && echo unchanged
+$P -a $A -F rules; $P -a com.tarnly.firewall -F rules; echo "legacy=$?"; $P -a $A -sr
+$P -si | head -1; $P -sr; [ "$other" = "$(nft list table inet other)" ] && echo "other kept")sh";
+  const std::string bad = tree.write("bad.conf", "# bad\npass in quick all\npass in fast all\n");
+  HelperCommand::Result result = HelperCommand::run(
+      "/usr/bin/unshare",
+      {"--net", "/bin/bash", "-c", script, "lab", TARNLY_PFCTL_PATH, pf.pfctlPath(), mixed, bad});
+  if (result.stdout.starts_with("status=1")) GTEST_SKIP() << "no nf_tables here: " << result.stderr;
+  EXPECT_EQ(result.stdout,
+            "status=0\nstatus=0\nload=0\nlisted as simulated\npass out quick proto udp from "
+            "10.1.1.8 to 192.168.64.0/24 port = 53 keep state\n"
+            "pass out quick proto icmp from any to 127.0.0.1\n  [ Evaluations: 0  Packets: 1  "
+            "Bytes: 84  States: 0 ]\n" +
+                bad + ":3: syntax error\n" + refused +
+                "status=1\nunchanged\nlegacy=0\nStatus: Enabled for 0 days 00:00:00           "
+                "Debug: Urgent\n"
+                "anchor \"com.apple/900.tarnly.firewall\" all\nother kept\n")
+      << result.stderr;
 }
 
 }  // namespace
