@@ -7,7 +7,6 @@
 
 #include <atomic>
 
-#include "firewall/enforce/firewall_host.h"
 #include "firewall/enforce/firewall_operations.h"
 #include "firewall/enforce/firewall_state.h"
 #include "firewall/model/firewall_json.h"
@@ -18,8 +17,7 @@
 
 namespace enforce_test {
 
-// A network "a.b.c.0/24" with gateway "a.b.c.1", default inbound deny and one (defaulted: inbound,
-// allow) tcp rule for port 22 from anywhere.
+// "a.b.c.0/24" with gateway "a.b.c.1", inbound denied but tcp port 22 from anywhere.
 inline FirewallNetworkPolicy network(int id, std::string name, std::string subnet) {
   FirewallNetworkPolicy n{.name = std::move(name), .subnetCIDR = std::move(subnet)};
   n.networkID.bytes[0] = 0xA0;
@@ -79,7 +77,7 @@ class EnforceTest : public ::testing::Test {
     tree.write("proc/sys/kernel/random/boot_id", id + "\n");
   }
   void flushAnchor() const { HelperCommand::run(paths.pfctl, {"-a", kAnchor, "-F", "rules"}); }
-  // The reply of an apply, or the text of what it threw.
+  // The reply of an apply of `networks` (or of `data`), or the text of what it threw.
   std::string apply(const std::vector<FirewallNetworkPolicy>& networks, unsigned int uid,
                     bool adoptLegacy = false, std::string_view data = {}) {
     try {
@@ -97,7 +95,7 @@ class EnforceTest : public ::testing::Test {
   std::atomic<long long> seconds{0};
   HelperEnvironment env;
   PfSimulator pf;
-  // en0 on 192.168.1.0/24 (networks overlapping it are refused); bridge100 holds the gateway of
+  // en0 holds 192.168.1.0/24 (networks overlapping it are refused); bridge100 the gateway of
   // 192.168.64.0/24.
   std::vector<NetworkFirewall::HostAddress> hostAddresses = {{"lo0", {127, 0, 0, 1}, 8},
                                                              {"en0", {192, 168, 1, 20}, 24},

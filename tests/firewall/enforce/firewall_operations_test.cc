@@ -1,6 +1,6 @@
-// The firewall operations end to end against the pf simulator: apply, remove, the status report
-// and the re-apply at start for several owners, with legacy adoption, a busy or refusing pf, the
-// state folder's unreadable files and a caller in another process.
+// The firewall operations end to end against the pf simulator: apply, remove, the status report,
+// the re-apply at start and the uninstall clean-up for several owners, with legacy adoption, a
+// busy pf, the state folder's unreadable files, and the lock of another process waited for.
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -23,6 +23,7 @@ const std::vector<std::string> kEnable = {"-E"};
 const FirewallNetworkPolicy lab = network(1, "Lab", "192.168.64.0/24");
 const FirewallNetworkPolicy farm = network(2, "Farm", "192.168.70.0/24");
 
+// Every reply and log line of the walk is checked at its end, in order.
 TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   std::vector<std::string> replies;
   HF::reapplyAtBoot(host);  // nothing stored: no trace, not even a lock file
@@ -36,10 +37,10 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
                         "is empty - nothing enforced)\n\n== subnet owners ==\n(none)"));
   // A FIFO or a huge file where the store belongs neither blocks nor counts as a store.
   createDirectories(paths.stateDirectory);
-  ASSERT_EQ(::mkfifo(state("firewall-policies.json").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(state(HF::kStoreFile).c_str(), 0600), 0);
   pf.clearInvocations();
   HF::reapplyAtBoot(host);
-  std::filesystem::remove(state("firewall-policies.json"));
+  std::filesystem::remove(state(HF::kStoreFile));
   std::filesystem::resize_file(tree.write(kState + HF::kStoreFile, "["), kMaximumReadSize + 1);
   HF::reapplyAtBoot(host);
   EXPECT_TRUE(pf.invocations().empty());
@@ -49,25 +50,25 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   tree.write("etc/pf.conf", conf);
   tree.write("etc/pf.anchors/com.tarnly.firewall", "pass all\n");
   tree.write(kState + HF::kStoreFile, document({network(9, "Old", "192.168.64.0/24")}));
-  ASSERT_EQ(::mkfifo(state("firewall-loaded.json").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(state(HF::kLoadedFile).c_str(), 0600), 0);
   pf.clearInvocations();
   replies.push_back(apply({lab, farm}, 501));
-  const std::string all = "0.0.0.0/0";  // new subnets lose their earlier connection states
-  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo,
-                                    {"-a", "com.tarnly.firewall", "-F", "rules"},
-                                    anchorLoad(),
-                                    kEnable,
-                                    {"-k", lab.subnetCIDR},
-                                    {"-k", all, "-k", lab.subnetCIDR},
-                                    {"-k", farm.subnetCIDR},
-                                    {"-k", all, "-k", farm.subnetCIDR},
-                                    kAnchorListing}));
+  const std::string all = "0.0.0.0/0", lab0 = lab.subnetCIDR, farm0 = farm.subnetCIDR;
+  EXPECT_EQ(pf.invocations(),  // new subnets lose their earlier connection states
+            (Runs{kStatusInfo,
+                  {"-a", "com.tarnly.firewall", "-F", "rules"},
+                  anchorLoad(),
+                  kEnable,
+                  {"-k", lab0},
+                  {"-k", all, "-k", lab0},
+                  {"-k", farm0},
+                  {"-k", all, "-k", farm0},
+                  kAnchorListing}));
   EXPECT_EQ(stored().at("501").policies, (std::vector{lab, farm}));
-  EXPECT_TRUE(stored().contains("legacy"));
-  EXPECT_EQ(modeOf(state("firewall-policies.json")), 0600);
-  std::string text = contentOf(state("firewall.pf.conf"));
-  EXPECT_EQ(modeOf(state("firewall.pf.conf")), 0644);
+  std::string text = contentOf(state(HF::kAnchorFile));
   EXPECT_EQ(pf.loadedRuleset(kAnchor), text);
+  EXPECT_EQ(std::pair(modeOf(state(HF::kStoreFile)), modeOf(state(HF::kAnchorFile))),
+            std::pair(0600, 0644));
   EXPECT_EQ(HF::readLoadedRuleset(env),
             (NetworkFirewall::LoadedRuleset{
                 NetworkFirewall::rulesetDigest(text),
@@ -84,30 +85,22 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing, kStatusInfo, kAnchorListing}));
 
   // Another user adopts the legacy networks and wins the contested subnet as its latest owner.
-  FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24");
+  FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24"), off = theirs;
   theirs.policy.defaultInbound = FirewallRule::Action::allow;
   pf.clearInvocations();
   replies.push_back(apply({theirs}, 502, true));
   EXPECT_EQ(runsOf(kEnable), 0u) << "pf was enabled in this boot already";
-  EXPECT_FALSE(stored().contains("legacy"));
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
-  EXPECT_THAT(pf.loadedRuleset(kAnchor), testing::Not(HasSubstr("# --- Lab ")));
   EXPECT_THAT(HF::statusReport(host),
               testing::AllOf(HasSubstr("== com.apple/900.tarnly.firewall ==\nblock drop quick on "
                                        "bridge100 inet6 all\n  [ Evaluations: "),
                              testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n"
                                                "192.168.70.0/24 501")));
-  FirewallNetworkPolicy off = network(6, "Off", "192.168.80.0/24");
   off.policy.enabled = false;
   replies.push_back(apply({off}, 502));
-  EXPECT_THAT(stored(), testing::ElementsAre(testing::Key("501")));
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
 
   // In a new boot, through a busy pf: a changed network kills the states of its subnet only.
-  for (const char* inside : {"192.168.64.10", "192.168.70.10"}) {
-    pf.addState(inside, "10.1.1.1");
-    pf.addState("10.1.1.1", inside);
-  }
   setBootID("2f9d7c1e-0000-4000-8000-000000000001");
   pf.failNextLoads(2);
   pf.clearInvocations();
@@ -118,9 +111,17 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   EXPECT_EQ(sleeps, std::vector<std::chrono::microseconds>(2, std::chrono::milliseconds(400)));
   EXPECT_EQ(runsOf(kEnable), 1u);
   EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, "2f9d7c1e-0000-4000-8000-000000000001");
-  EXPECT_EQ(runsOf({"-k", all, "-k", "192.168.70.0/24"}), 1u);
-  EXPECT_EQ(runsOf({"-k", "192.168.64.0/24"}), 0u);
-  EXPECT_THAT(pf.states(), testing::Each(HasSubstr("192.168.64.10")));
+  EXPECT_EQ(runsOf({"-k", all, "-k", farm0}) + runsOf({"-k", farm0}), 2u);
+  EXPECT_EQ(runsOf({"-k", lab0}) + runsOf({"-k", all, "-k", lab0}), 0u);
+
+  // No enabled network left: an empty anchor, which keeps the boot of the last enable, and stays
+  // as it is while pf is off.
+  replies.push_back(apply({off}, 501));
+  pf.setEnabled(false);
+  pf.clearInvocations();
+  replies.push_back(apply({off}, 501));
+  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing}));
+  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, "2f9d7c1e-0000-4000-8000-000000000001");
 
   // Refused and skipped parts; failures change nothing.
   FirewallNetworkPolicy broken = lab;
@@ -128,7 +129,7 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   replies.push_back(apply({broken, network(4, "Home", "192.168.1.0/24")}, 501));
   EXPECT_EQ(stored().at("501").policies, std::vector{broken});
   replies.push_back(apply({farm, network(5, "Web", "192.168.71.0/24")}, 502));
-  std::string store = contentOf(state("firewall-policies.json"));
+  std::string store = contentOf(state(HF::kStoreFile));
   auto record = HF::readLoadedRuleset(env);
   pf.clearInvocations();
   sleeps.clear();
@@ -139,11 +140,12 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   EXPECT_EQ(runsOf(anchorLoad()), 6u);
   EXPECT_EQ(sleeps.size(), 5u);
   pf.failNextLoads(6);
-  EXPECT_THROW(HF::remove(host, 501, false), HF::HelperError);
-  EXPECT_EQ(contentOf(state("firewall-policies.json")), store);
+  EXPECT_THAT([&] { HF::remove(host, 501, false); },
+              testing::Throws<HF::HelperError>(
+                  testing::Property(&HF::HelperError::kind, HF::HelperError::Kind::pfctlFailed)));
+  EXPECT_EQ(contentOf(state(HF::kStoreFile)), store);
   EXPECT_EQ(HF::readLoadedRuleset(env), record);
   HF::remove(host, 501, false);
-  EXPECT_THAT(stored(), testing::ElementsAre(testing::Key("502")));
 
   // The re-apply after a flush reports the networks it leaves out, and logs a failure.
   flushAnchor();
@@ -157,7 +159,7 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   // The last removal flushes the anchor and deletes the files.
   pf.clearInvocations();
   HF::remove(host, 502, false);
-  for (const char* file : {"firewall-policies.json", "firewall.pf.conf", "firewall-loaded.json"}) {
+  for (const char* file : {HF::kStoreFile, HF::kAnchorFile, HF::kLoadedFile}) {
     EXPECT_FALSE(pathExists(state(file))) << file;
   }
   EXPECT_EQ(runsOf({"-a", kAnchor, "-F", "rules"}), 1u);
@@ -171,103 +173,135 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   EXPECT_TRUE(pf.invocations().empty());
   replies.push_back(apply({lab}, 501));
   replies.push_back(apply({lab, farm}, 501));
-  EXPECT_EQ(contentOf(state("firewall-policies.json.unreadable")), "{\"owners\": garbage");
+  EXPECT_EQ(contentOf(state(HF::kUnreadableStoreFile)), "{\"owners\": garbage");
+  // A refusal other than a busy pf is not retried, and leaves the record alone.
+  tree.script("sbin/pfctl",
+              "[ \"$3\" = -f ] || exit 0\nprintf 'No ALTQ support in kernel\\n"
+              "firewall.pf.conf:7: syntax error\\n' >&2\nexit 1\n");
+  record = HF::readLoadedRuleset(env);
+  sleeps.clear();
+  replies.push_back(apply({lab}, 501));
+  EXPECT_TRUE(sleeps.empty());
+  EXPECT_EQ(HF::readLoadedRuleset(env), record);
 
-  const std::string more = " more for other users of this Mac", v6 = " - IPv6 dropped on bridge100";
-  EXPECT_EQ(replies, (std::vector<std::string>{
-                         "Enforcing 2 networks: Lab, Farm - 1" + more,
-                         "Enforcing 2 networks: Lab, Farm - 1" + more,
-                         "Enforcing 1 network: Their lab - 2" + more,
-                         "None of your networks has an enabled firewall. - 2" + more,
-                         "Enforcing 2 networks: Lab, Farm",
-                         "Enforcing 1 network: Lab - 1 rule skipped\nNot enforced:\n- Home: "
-                         "192.168.1.0/24 overlaps en0 (192.168.1.20), one of this Mac's own "
-                         "networks; rules there would cut the Mac off from it.",
-                         "Enforcing 2 networks: Farm, Web - 1" + more,
-                         "Could not read the firewall policy: the document: expected an array of "
-                         "networks, found object",
-                         "pfctl rejected the ruleset: pfctl: DIOCXCOMMIT: Resource busy",
-                         "Enforcing 1 network: Lab",
-                         "Enforcing 2 networks: Lab, Farm",
-                     }));
-  const std::string applied = "Applied firewall. Enforcing ",
-                    claimed = "192.168.64.0/24 is claimed by networks of more than one user; ",
-                    recent = " is left out for the most recently applied one.";
+  EXPECT_EQ(join(replies, "\n"),
+            R"(Enforcing 2 networks: Lab, Farm - 1 more for other users of this Mac
+Enforcing 2 networks: Lab, Farm - 1 more for other users of this Mac
+Enforcing 1 network: Their lab - 2 more for other users of this Mac
+None of your networks has an enabled firewall. - 2 more for other users of this Mac
+Enforcing 2 networks: Lab, Farm
+None of your networks has an enabled firewall.
+None of your networks has an enabled firewall.
+Enforcing 1 network: Lab - 1 rule skipped
+Not enforced:
+- Home: 192.168.1.0/24 overlaps en0 (192.168.1.20), one of this Mac's own networks; rules there would cut the Mac off from it.
+Enforcing 2 networks: Farm, Web - 1 more for other users of this Mac
+Could not read the firewall policy: the document: expected an array of networks, found object
+pfctl rejected the ruleset: pfctl: DIOCXCOMMIT: Resource busy
+Enforcing 1 network: Lab
+Enforcing 2 networks: Lab, Farm
+pfctl rejected the ruleset: firewall.pf.conf:7: syntax error)");
+  std::string log = join(logLines(), "\n");
+  for (size_t at; (at = log.find(paths.stateDirectory)) != std::string::npos;) {
+    log.replace(at, paths.stateDirectory.size(), "<state>");
+  }
   EXPECT_EQ(
-      logLines(),
-      (std::vector<std::string>{
-          "Could not record what pf was loaded with: Could not write " +
-              state("firewall-loaded.json") + ": No such file or directory.",
-          claimed + "an unowned \"Old\"" + recent,
-          "Removed legacy anchor references from /etc/pf.conf.",
-          applied + "2 networks for all users: Lab, Farm" + v6,
-          claimed + "an unowned \"Old\"" + recent,
-          "Firewall for uid 501 unchanged; pf already runs these rules, so nothing was "
-          "reloaded.",
-          claimed + "an unowned \"Old\"" + recent,
-          "Boot re-apply: pf already runs these rules; nothing reloaded. Enforcing 2 networks "
-          "for all users: Lab, Farm",
-          claimed + "uid 501's \"Lab\"" + recent,
-          applied + "2 networks for all users: Their lab, Farm" + v6,
-          applied + "2 networks for all users: Lab, Farm" + v6,
-          "pf was busy; the ruleset loaded on attempt 3.",
-          applied + "2 networks for all users: Lab, Farm" + v6,
-          applied + "1 network for all users: Lab - 1 rule skipped" + v6,
-          applied + "3 networks for all users: Farm, Web, Lab - 1 rule skipped" + v6,
-          applied + "2 networks for all users: Farm, Web",
-          "Removed uid 501's firewall policies; other users' stay in force.",
-          applied + "1 network for all users: Web",
-          "Boot re-apply: Enforcing 1 network for all users: Web",
-          "Boot re-apply left out: Farm: 192.168.70.0/24 overlaps en1 (192.168.70.9), one of "
-          "this Mac's own networks; rules there would cut the Mac off from it.",
-          "Boot re-apply failed: pfctl rejected the ruleset: pfctl: DIOCXCOMMIT: Resource busy",
-          "Removed firewall enforcement.",
-          "Persisted firewall policy could not be decoded; leaving pf alone.",
-          "Persisted firewall policy could not be decoded; starting from none.",
-          applied + "1 network for all users: Lab" + v6,
-          "Kept the firewall policy that could not be decoded as " +
-              state("firewall-policies.json.unreadable") + ".",
-          applied + "2 networks for all users: Lab, Farm" + v6,
-      }));
-  // The uninstall takes the kept store and the pf.conf backup along, not the store in use.
+      log,
+      R"(Could not record what pf was loaded with: Could not write <state>/firewall-loaded.json: No such file or directory.
+192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
+Removed legacy anchor references from /etc/pf.conf.
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
+192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
+Firewall for uid 501 unchanged; pf already runs these rules, so nothing was reloaded.
+192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
+Boot re-apply: pf already runs these rules; nothing reloaded. Enforcing 2 networks for all users: Lab, Farm
+192.168.64.0/24 is claimed by networks of more than one user; uid 501's "Lab" is left out for the most recently applied one.
+Applied firewall. Enforcing 2 networks for all users: Their lab, Farm - IPv6 dropped on bridge100
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
+pf was busy; the ruleset loaded on attempt 3.
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
+Applied firewall. No networks have an enabled firewall - the anchor is empty.
+Firewall for uid 501 unchanged; pf already runs these rules, so nothing was reloaded.
+Applied firewall. Enforcing 1 network for all users: Lab - 1 rule skipped - IPv6 dropped on bridge100
+Applied firewall. Enforcing 3 networks for all users: Farm, Web, Lab - 1 rule skipped - IPv6 dropped on bridge100
+Applied firewall. Enforcing 2 networks for all users: Farm, Web
+Removed uid 501's firewall policies; other users' stay in force.
+Applied firewall. Enforcing 1 network for all users: Web
+Boot re-apply: Enforcing 1 network for all users: Web
+Boot re-apply left out: Farm: 192.168.70.0/24 overlaps en1 (192.168.70.9), one of this Mac's own networks; rules there would cut the Mac off from it.
+Boot re-apply failed: pfctl rejected the ruleset: pfctl: DIOCXCOMMIT: Resource busy
+Removed firewall enforcement.
+Persisted firewall policy could not be decoded; leaving pf alone.
+Persisted firewall policy could not be decoded; starting from none.
+Applied firewall. Enforcing 1 network for all users: Lab - IPv6 dropped on bridge100
+Kept the firewall policy that could not be decoded as <state>/firewall-policies.json.unreadable.
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100)");
+  // The uninstall takes the log, the kept store and the pf.conf backup along; what others still
+  // use stays, and so do files it does not know, named; the lock file goes with the folder only.
   EXPECT_EQ(HF::removeStateForUninstall(env),
             "firewall rules another account on this Mac still uses");
-  EXPECT_FALSE(pathExists(state("firewall-policies.json.unreadable")));
-  EXPECT_FALSE(pathExists(state("pf.conf.before-tarnly-cleanup")));
+  HF::remove(host, 501, false);
+  for (const char* name :
+       {"vlans.json", ".vlans.json.tmp-0123456789ab", ".DS_Store", "notes.txt"}) {
+    tree.write(kState + name, "[]");
+  }
+  EXPECT_EQ(HF::removeStateForUninstall(env), "notes.txt");
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(paths.stateDirectory)) {
+    left.push_back(entry.path().filename());
+  }
+  EXPECT_THAT(left, testing::UnorderedElementsAre(".firewall.lock", "notes.txt"));
+  EXPECT_FALSE(pathExists(paths.logFile));
+  removeFile(state("notes.txt"));
+  EXPECT_EQ(HF::removeStateForUninstall(env), std::nullopt);
+  EXPECT_FALSE(pathExists(paths.stateDirectory));
+  EXPECT_EQ(HF::removeStateForUninstall(env), std::nullopt);  // no folder
+  tree.write(kState.substr(0, kState.size() - 1), "not a folder");
+  EXPECT_EQ(HF::removeStateForUninstall(env), std::nullopt);
 }
 
-TEST_F(FirewallOperations, ConcurrentReapplyOfAnotherProcessLoadsTheStoreAsTheApplyLeftIt) {
-  apply({lab}, 501);
+TEST_F(FirewallOperations, ConcurrentOperationsWaitForTheLockOfAnotherProcess) {
+  std::atomic<bool> done;
+  std::thread thread;
+  // Runs `operation` on a thread of its own; true once it waits for the lock `holder` holds.
+  auto waits = [&](const std::function<void()>& operation, const HeldFlock& holder) {
+    done = false;
+    thread = std::thread([&, operation] {
+      operation();
+      done = true;
+    });
+    return waitForFlockWaiter(holder.inode(), [&] { return done.load(); });
+  };
+  const std::string lock = state(".firewall.lock");
+  createDirectories(paths.stateDirectory);
+  // The other process removes its lock file on the way out, as the clean-up does: the apply locks
+  // the file in place then, which the next one waits for.
+  auto holder = std::make_unique<HeldFlock>(lock);
+  EXPECT_TRUE(waits([&] { apply({lab}, 501); }, *holder));
+  removeFile(lock);
+  auto next = std::make_unique<HeldFlock>(lock);
+  holder.reset();
+  EXPECT_TRUE(waitForFlockWaiter(next->inode(), [&] { return done.load(); }));
+  next.reset();
+  thread.join();
+  EXPECT_THAT(stored(), testing::ElementsAre(testing::Key("501")));
+  // The re-apply reads the store only when the other process (saving Farm) is done.
   flushAnchor();
-  // Another process (the service) is applying: it holds the lock and will store Farm instead.
-  HeldFlock service(state(".firewall.lock"));
-  std::atomic<bool> done{false};
-  std::thread reapply([&] {
-    HF::reapplyAtBoot(host);
-    done = true;
-  });
-  EXPECT_TRUE(waitForFlockWaiter(service.inode(), [&] { return done.load(); }))
-      << "the re-apply did not wait for the other process";
+  holder = std::make_unique<HeldFlock>(lock);
+  EXPECT_TRUE(waits([&] { HF::reapplyAtBoot(host); }, *holder));
   HF::saveStore(env, {{"501", {{farm}, at(1)}}});
-  service.release();
-  reapply.join();
+  holder.reset();
+  thread.join();
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Farm"));
   EXPECT_THAT(pf.loadedRuleset(kAnchor), testing::Not(HasSubstr("Lab")));
-}
-
-TEST_F(FirewallOperations, ConcurrentAppliesOfEightUsersAllEndInTheStore) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([this, i] {
-      std::string n = std::to_string(100 + i);
-      apply({network(100 + i, "Net " + n, "192.168." + n + ".0/24")}, 600 + i);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(stored().size(), 8u);
-  for (int i = 0; i < 8; ++i) {
-    EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Net " + std::to_string(100 + i)));
-  }
+  // The clean-up removes nothing before.
+  tree.write(kState + ".DS_Store", "");
+  holder = std::make_unique<HeldFlock>(lock);
+  EXPECT_TRUE(waits([&] { HF::removeStateForUninstall(env); }, *holder));
+  EXPECT_TRUE(pathExists(state(".DS_Store")));
+  holder.reset();
+  thread.join();
+  EXPECT_FALSE(pathExists(state(".DS_Store")));
 }
 
 }  // namespace

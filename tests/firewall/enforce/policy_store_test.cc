@@ -1,8 +1,9 @@
-// The policy store's two JSON forms, its replace rule with legacy adoption, and who wins a subnet
-// two owners claim.
+// The policy store's two JSON forms, its replace rule with legacy adoption, who wins a subnet two
+// owners claim, and the record of what pf was loaded with.
 #include "firewall/enforce/policy_store.h"
 
 #include "enforce_fixtures.h"
+#include "firewall/enforce/loaded_ruleset.h"
 #include "firewall/enforce/owners_merge.h"
 
 namespace {
@@ -19,10 +20,8 @@ TEST(PolicyStore, DecodesBothFormsDropsEmptyOwnersAndClampsDates) {
       {"1000", {{network(2, "Farm", "192.168.70.0/24")}, at(800000100)}},
       {"legacy", {{network(4, "Old", "192.168.72.0/24")}, Store::legacyDate()}}};
   std::string text = Store::encoded(owners);  // sorted keys, indented, dates as seconds
-  EXPECT_LT(text.find("\"1000\""), text.find("\"501\""));
-  EXPECT_THAT(text, testing::HasSubstr("\n  \"owners\": {\n    \"1000\": {\n      \"appliedAt\": "
+  EXPECT_THAT(text, testing::HasSubstr("{\n  \"owners\": {\n    \"1000\": {\n      \"appliedAt\": "
                                        "800000100.0,"));
-  EXPECT_THAT(text, testing::HasSubstr("\"appliedAt\": 800000000.25,"));
   EXPECT_THAT(text, testing::HasSubstr("\"appliedAt\": -63114076800.0,"));  // 0001-01-01
   auto entry = [](const std::string& appliedAt) {
     return R"({"owners": {"501": {"policies": [)" + lab1 + "], \"appliedAt\": " + appliedAt + "}";
@@ -48,39 +47,40 @@ TEST(PolicyStore, DecodesBothFormsDropsEmptyOwnersAndClampsDates) {
   for (const auto& [data, expected] : cases) EXPECT_EQ(Store::decoded(data), expected) << data;
 }
 
-TEST(PolicyStore, ReplaceSetsTheCallersEntryAndAdoptsLegacyWhenAskedOrSharingANetwork) {
-  FirewallNetworkPolicy mine = network(2, "Mine", "192.168.80.0/24"), changed = lab;
-  changed.policy.defaultInbound = FirewallRule::Action::allow;  // the legacy network, changed
-  struct Case {
-    bool hasOwn, adopt;
-    Networks policies, previous;
-    std::vector<std::string> keys;
-  } const cases[] = {
-      {true, false, {network(3, "New", "192.168.81.0/24")}, {mine}, {"1000", "501", "legacy"}},
-      {false, false, {changed}, {lab}, {"1000", "501"}},
-      {true, true, {lab}, {mine}, {"1000", "501"}},
-      {true, false, {}, {mine}, {"1000", "legacy"}},
-      {false, true, {}, {lab}, {"1000"}},
-  };
-  for (const Case& c : cases) {
-    Store::Owners owners = {{"legacy", {{lab}, Store::legacyDate()}},
-                            {"1000", {{network(5, "Farm", "192.168.70.0/24")}, at(100)}}};
-    if (c.hasOwn) owners["501"] = {{mine}, at(50)};
-    EXPECT_EQ(Store::replace(owners, "501", c.policies, at(200), c.adopt), c.previous);
-    std::vector<std::string> keys;
-    for (const auto& [key, entry] : owners) keys.push_back(key);
-    EXPECT_EQ(keys, c.keys);
-    if (!c.policies.empty()) EXPECT_EQ(owners.at("501"), (Store::Entry{c.policies, at(200)}));
+// What pf was loaded with: absent fields left out, a record with a field of the wrong type ignored.
+TEST(PolicyStore, LoadedRulesetRecordKeepsOnlyWhatItKnows) {
+  using NetworkFirewall::LoadedRuleset;
+  LoadedRuleset bare{"c", std::nullopt, std::nullopt}, full{"c", "a", "b"};
+  EXPECT_EQ(bare.encoded(), R"({"rulesDigest":"c"})");
+  EXPECT_EQ(LoadedRuleset::decoded(full.encoded()), full);
+  EXPECT_EQ(LoadedRuleset::decoded(R"({"rulesDigest": "c", "anchorDigest": null, "x": 1})"), bare);
+  for (const char* data : {R"({"anchorDigest": "a"})", "{", "[]", R"({"rulesDigest": 5})",
+                           R"({"rulesDigest": "c", "anchorDigest": 5})",
+                           R"({"rulesDigest": "c", "enabledInBoot": 5})"}) {
+    EXPECT_EQ(LoadedRuleset::decoded(data), std::nullopt) << data;
   }
+}
+
+// The apply's walk covers the plain cases; here legacy networks are adopted because the caller's
+// share a network ID, and the caller's own previous entry wins over the legacy one.
+TEST(PolicyStore, ReplaceAdoptsLegacyThatSharesANetworkOrWhenAsked) {
+  FirewallNetworkPolicy mine = network(2, "Mine", "192.168.80.0/24"), changed = lab;
+  changed.policy.defaultInbound = FirewallRule::Action::allow;
+  Store::Owners owners = {{"legacy", {{lab}, Store::legacyDate()}}, {"501", {{mine}, at(50)}}};
+  EXPECT_EQ(Store::replace(owners, "502", {changed}, at(200), false), Networks{lab});
+  EXPECT_EQ(owners, (Store::Owners{{"501", {{mine}, at(50)}}, {"502", {{changed}, at(200)}}}));
+  owners["legacy"] = {{lab}, Store::legacyDate()};
+  EXPECT_EQ(Store::replace(owners, "501", {}, at(300), true), Networks{mine});
+  EXPECT_EQ(owners, (Store::Owners{{"502", {{changed}, at(200)}}}));
 }
 
 // The latest owner wins; equal dates go to the smaller key in text order, and within one owner
 // the earlier network wins, whatever its host bits.
 TEST(PolicyStore, MergeKeepsOneNetworkPerSubnet) {
-  FirewallNetworkPolicy five = network(1, "Five", "192.168.64.0/24");
-  FirewallNetworkPolicy thousand = network(2, "Thousand", "192.168.64.0/24");
-  FirewallNetworkPolicy first = network(3, "First", "192.168.65.7/24");
-  FirewallNetworkPolicy second = network(4, "Second", "192.168.65.0/24");
+  FirewallNetworkPolicy five = network(1, "Five", "192.168.64.0/24"),
+                        thousand = network(2, "Thousand", "192.168.64.0/24"),
+                        first = network(3, "First", "192.168.65.7/24"),
+                        second = network(4, "Second", "192.168.65.0/24");
   Store::Owners owners = {{"501", {{five, first, second}, at(100)}},
                           {"1000", {{thousand}, at(100)}}};
   Store::Merged merged = Store::merged(owners);
