@@ -24,7 +24,7 @@ const FirewallNetworkPolicy lab = network(1, "Lab", "192.168.64.0/24");
 const FirewallNetworkPolicy farm = network(2, "Farm", "192.168.70.0/24");
 
 // Every reply and log line of the walk is checked at its end, in order.
-TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
+TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
   std::vector<std::string> replies;
   HF::reapplyAtBoot(host);  // nothing stored: no trace, not even a lock file
   EXPECT_FALSE(pathExists(paths.stateDirectory));
@@ -54,16 +54,12 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   pf.clearInvocations();
   replies.push_back(apply({lab, farm}, 501));
   const std::string all = "0.0.0.0/0", lab0 = lab.subnetCIDR, farm0 = farm.subnetCIDR;
-  EXPECT_EQ(pf.invocations(),  // new subnets lose their earlier connection states
-            (Runs{kStatusInfo,
-                  {"-a", "com.tarnly.firewall", "-F", "rules"},
-                  anchorLoad(),
-                  kEnable,
-                  {"-k", lab0},
-                  {"-k", all, "-k", lab0},
-                  {"-k", farm0},
-                  {"-k", all, "-k", farm0},
-                  kAnchorListing}));
+  Runs runs = {kStatusInfo, {"-a", "com.tarnly.firewall", "-F", "rules"}, anchorLoad(), kEnable};
+  for (const std::string& subnet : {lab0, farm0}) {  // new subnets lose their connection states
+    runs.insert(runs.end(), {{"-k", subnet}, {"-k", all, "-k", subnet}});
+  }
+  runs.push_back(kAnchorListing);
+  EXPECT_EQ(pf.invocations(), runs);
   EXPECT_EQ(stored().at("501").policies, (std::vector{lab, farm}));
   std::string text = contentOf(state(HF::kAnchorFile));
   EXPECT_EQ(pf.loadedRuleset(kAnchor), text);
@@ -101,7 +97,8 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
 
   // In a new boot, through a busy pf: a changed network kills the states of its subnet only.
-  setBootID("2f9d7c1e-0000-4000-8000-000000000001");
+  const std::string boot2 = "2f9d7c1e-0000-4000-8000-000000000001";
+  setBootID(boot2);
   pf.failNextLoads(2);
   pf.clearInvocations();
   FirewallNetworkPolicy changed = farm;
@@ -110,7 +107,7 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   EXPECT_EQ(runsOf(anchorLoad()), 3u);
   EXPECT_EQ(sleeps, std::vector<std::chrono::microseconds>(2, std::chrono::milliseconds(400)));
   EXPECT_EQ(runsOf(kEnable), 1u);
-  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, "2f9d7c1e-0000-4000-8000-000000000001");
+  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, boot2);
   EXPECT_EQ(runsOf({"-k", all, "-k", farm0}) + runsOf({"-k", farm0}), 2u);
   EXPECT_EQ(runsOf({"-k", lab0}) + runsOf({"-k", all, "-k", lab0}), 0u);
 
@@ -121,7 +118,7 @@ TEST_F(FirewallOperations, ApplyRemoveReportAndReapplyPerUser) {
   pf.clearInvocations();
   replies.push_back(apply({off}, 501));
   EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing}));
-  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, "2f9d7c1e-0000-4000-8000-000000000001");
+  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, boot2);
 
   // Refused and skipped parts; failures change nothing.
   FirewallNetworkPolicy broken = lab;
