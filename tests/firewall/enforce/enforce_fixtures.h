@@ -19,7 +19,9 @@ namespace enforce_test {
 
 // "a.b.c.0/24" with gateway "a.b.c.1", inbound denied but tcp port 22 from anywhere.
 inline FirewallNetworkPolicy network(int id, std::string name, std::string subnet) {
-  FirewallNetworkPolicy n{.name = std::move(name), .subnetCIDR = std::move(subnet)};
+  FirewallNetworkPolicy n;
+  n.name = std::move(name);
+  n.subnetCIDR = std::move(subnet);
   n.networkID.bytes[0] = 0xA0;
   n.networkID.bytes[15] = static_cast<std::uint8_t>(id);
   if (auto at = n.subnetCIDR.rfind(".0/"); at != std::string::npos) {
