@@ -87,11 +87,14 @@ TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
   replies.push_back(apply({theirs}, 502, true));
   EXPECT_EQ(runsOf(kEnable), 0u) << "pf was enabled in this boot already";
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
-  EXPECT_THAT(HF::statusReport(host),
-              testing::AllOf(HasSubstr("== com.apple/900.tarnly.firewall ==\nblock drop quick on "
-                                       "bridge100 inet6 all\n  [ Evaluations: "),
-                             testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n"
-                                               "192.168.70.0/24 501")));
+  pf.setMainRuleset("pass all\n");
+  EXPECT_THAT(
+      HF::statusReport(host),
+      testing::AllOf(HasSubstr("== main ruleset anchors ==\n(none - the main ruleset "
+                               "evaluates no anchors)\n\n== com.apple/900.tarnly.firewall "
+                               "==\nblock drop quick on bridge100 inet6 all\n  [ Evaluations: "),
+                     testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n"
+                                       "192.168.70.0/24 501")));
   off.policy.enabled = false;
   replies.push_back(apply({off}, 502));
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
@@ -175,11 +178,11 @@ TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
   tree.script("sbin/pfctl",
               "[ \"$3\" = -f ] || exit 0\nprintf 'No ALTQ support in kernel\\n"
               "firewall.pf.conf:7: syntax error\\n' >&2\nexit 1\n");
-  record = HF::readLoadedRuleset(env);
+  HF::recordLoadedRuleset(env, {"old", std::nullopt, std::nullopt});  // an older record
   sleeps.clear();
   replies.push_back(apply({lab}, 501));
   EXPECT_TRUE(sleeps.empty());
-  EXPECT_EQ(HF::readLoadedRuleset(env), record);
+  EXPECT_EQ(HF::readLoadedRuleset(env), (NetworkFirewall::LoadedRuleset{"old", {}, {}}));
 
   EXPECT_EQ(join(replies, "\n"),
             R"(Enforcing 2 networks: Lab, Farm - 1 more for other users of this Mac
