@@ -63,8 +63,9 @@ TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
   EXPECT_EQ(stored().at("501").policies, (std::vector{lab, farm}));
   std::string text = contentOf(state(HF::kAnchorFile));
   EXPECT_EQ(pf.loadedRuleset(kAnchor), text);
-  EXPECT_EQ(std::pair(modeOf(state(HF::kStoreFile)), modeOf(state(HF::kAnchorFile))),
-            std::pair(0600, 0644));
+  EXPECT_EQ(std::tuple(modeOf(state(HF::kStoreFile)), modeOf(state(HF::kAnchorFile)),
+                       modeOf(state(HF::kLoadedFile))),
+            std::tuple(0600, 0644, 0600));
   EXPECT_EQ(HF::readLoadedRuleset(env),
             (NetworkFirewall::LoadedRuleset{
                 NetworkFirewall::rulesetDigest(text),
@@ -72,7 +73,6 @@ TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
                 "6c0a3a8e-2b1f-4f39-9b3c-7c1d5e2f8a90"}));
   EXPECT_TRUE(pf.enabled());
   EXPECT_EQ(contentOf(paths.pfConf), "anchor \"com.apple/*\" all\n");
-  EXPECT_EQ(contentOf(state("pf.conf.before-tarnly-cleanup")), conf);
   EXPECT_FALSE(pathExists(paths.legacyAnchorFile));
   // The same again, and the re-apply: pf already runs these rules.
   pf.clearInvocations();
@@ -83,8 +83,11 @@ TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
   // Another user adopts the legacy networks and wins the contested subnet as its latest owner.
   FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24"), off = theirs;
   theirs.policy.defaultInbound = FirewallRule::Action::allow;
+  tree.write("etc/pf.conf", "anchor \"com.tarnly.firewall\"\npass all\n");  // cleaned again,
   pf.clearInvocations();
   replies.push_back(apply({theirs}, 502, true));
+  EXPECT_EQ(contentOf(paths.pfConf), "pass all\n");
+  EXPECT_EQ(contentOf(state("pf.conf.before-tarnly-cleanup")), conf);  // the first backup kept
   EXPECT_EQ(runsOf(kEnable), 0u) << "pf was enabled in this boot already";
   EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
   pf.setMainRuleset("pass all\n");
@@ -216,6 +219,7 @@ Firewall for uid 501 unchanged; pf already runs these rules, so nothing was relo
 192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
 Boot re-apply: pf already runs these rules; nothing reloaded. Enforcing 2 networks for all users: Lab, Farm
 192.168.64.0/24 is claimed by networks of more than one user; uid 501's "Lab" is left out for the most recently applied one.
+Removed legacy anchor references from /etc/pf.conf.
 Applied firewall. Enforcing 2 networks for all users: Their lab, Farm - IPv6 dropped on bridge100
 Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
 pf was busy; the ruleset loaded on attempt 3.
