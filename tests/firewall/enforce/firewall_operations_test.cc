@@ -1,249 +1,311 @@
-// The firewall operations end to end against the pf simulator: apply, remove, the status report
-// and the re-apply at start, with several owners, legacy adoption and concurrent callers.
-#include "firewall/enforce/firewall_operations.h"
-
+// The firewall operations end to end against the pf simulator: apply, remove, the status report,
+// the re-apply at start and the uninstall clean-up for several owners, with legacy adoption, a
+// busy pf, the state folder's unreadable files, and the lock of another process waited for.
 #include <sys/stat.h>
 
-#include <atomic>
 #include <filesystem>
 #include <thread>
 
 #include "enforce_fixtures.h"
-#include "firewall/enforce/firewall_state.h"
 #include "firewall/enforce/helper_error.h"
+#include "firewall/enforce/uninstall_cleanup.h"
+#include "firewall/model/ruleset.h"
 #include "support/flock_waiter.h"
 
 namespace {
 
 using namespace enforce_test;
-using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
-namespace Store = NetworkFirewall::PolicyStore;
+using FirewallOperations = EnforceTest;
+namespace HF = HelperFirewall;
 
-class FirewallOperations : public EnforceTest {
- protected:
-  std::string apply(const std::vector<FirewallNetworkPolicy>& networks, unsigned int uid,
-                    bool adoptLegacy = false) {
-    return HelperFirewall::apply(host, document(networks), uid, adoptLegacy);
-  }
-  // The error text an apply throws; empty when it did not throw.
-  std::string applyError(std::string_view data, unsigned int uid) {
-    try {
-      HelperFirewall::apply(host, data, uid, false);
-    } catch (const std::exception& error) {
-      return error.what();
-    }
-    return "";
-  }
-  std::string storeText() const { return contentOf(state("firewall-policies.json")); }
-  Store::Owners stored() const { return Store::decoded(storeText()).value_or(Store::Owners{}); }
-  std::string anchorRules() const { return pf.loadedRuleset(kAnchor); }
+const std::vector<std::string> kEnable = {"-E"};
+const FirewallNetworkPolicy lab = network(1, "Lab", "192.168.64.0/24");
+const FirewallNetworkPolicy farm = network(2, "Farm", "192.168.70.0/24");
 
-  FirewallNetworkPolicy lab = network(1, "Lab", "192.168.64.0/24");
-  FirewallNetworkPolicy farm = network(2, "Farm", "192.168.70.0/24");
-};
-
-TEST_F(FirewallOperations, ApplyReloadsOnlyWhatChangedAndKillsStatesOfChangedSubnetsOnly) {
-  std::string first = apply({lab, farm}, 501);
-  EXPECT_EQ(first, "Enforcing 2 networks: Lab, Farm");
-  EXPECT_EQ(stored().at("501").policies, (std::vector{lab, farm}));
-  EXPECT_EQ(modeOf(state("firewall-policies.json")), 0600);
-  EXPECT_TRUE(pf.enabled());
+// Every reply and log line of the walk is checked at its end, in order.
+TEST_F(FirewallOperations, ApplyRemoveReportReapplyAndUninstallPerUser) {
+  std::vector<std::string> replies;
+  HF::reapplyAtBoot(host);  // nothing stored: no trace, not even a lock file
+  EXPECT_FALSE(pathExists(paths.stateDirectory));
+  HF::recordLoadedRuleset(env, {"d", std::nullopt, std::nullopt});  // no folder: only logged
+  pf.setMainRuleset("scrub-anchor \"com.apple/*\" all fragment reassemble\npass all\n");
+  EXPECT_THAT(
+      HF::statusReport(host),
+      testing::EndsWith("\n\n== main ruleset anchors ==\nscrub-anchor \"com.apple/*\" all "
+                        "fragment reassemble\n\n== com.apple/900.tarnly.firewall ==\n(anchor "
+                        "is empty - nothing enforced)\n\n== subnet owners ==\n(none)"));
+  // A FIFO or a huge file where the store belongs neither blocks nor counts as a store.
+  createDirectories(paths.stateDirectory);
+  ASSERT_EQ(::mkfifo(state(HF::kStoreFile).c_str(), 0600), 0);
   pf.clearInvocations();
-  EXPECT_EQ(apply({lab, farm}, 501), first);
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing, kStatusInfo, kAnchorListing}));
-  EXPECT_THAT(logLines(), Contains("Firewall for uid 501 unchanged; pf already runs these rules, "
-                                   "so nothing was reloaded."));
-  EXPECT_EQ(logLines().back(),
-            "Boot re-apply: pf already runs these rules; nothing reloaded. Enforcing 2 networks "
-            "for all users: Lab, Farm");
-  pf.setEnabled(false);
-  for (const char* inside : {"192.168.64.10", "192.168.70.10"}) {
-    pf.addState(inside, "10.1.1.1");
-    pf.addState("10.1.1.1", inside);
+  HF::reapplyAtBoot(host);
+  std::filesystem::remove(state(HF::kStoreFile));
+  std::filesystem::resize_file(tree.write(kState + HF::kStoreFile, "["), kMaximumReadSize + 1);
+  HF::reapplyAtBoot(host);
+  EXPECT_TRUE(pf.invocations().empty());
+
+  // An older version's store (a bare array: no owner) and pf.conf lines; a FIFO at the record.
+  std::string conf = "anchor \"com.tarnly.firewall\"\nanchor \"com.apple/*\" all\n";
+  tree.write("etc/pf.conf", conf);
+  tree.write("etc/pf.anchors/com.tarnly.firewall", "pass all\n");
+  tree.write(kState + HF::kStoreFile, document({network(9, "Old", "192.168.64.0/24")}));
+  ASSERT_EQ(::mkfifo(state(HF::kLoadedFile).c_str(), 0600), 0);
+  pf.clearInvocations();
+  replies.push_back(apply({lab, farm}, 501));
+  const std::string all = "0.0.0.0/0", lab0 = lab.subnetCIDR, farm0 = farm.subnetCIDR;
+  Runs runs = {kStatusInfo, {"-a", "com.tarnly.firewall", "-F", "rules"}, anchorLoad(), kEnable};
+  for (const std::string& subnet : {lab0, farm0}) {  // new subnets lose their connection states
+    runs.insert(runs.end(), {{"-k", subnet}, {"-k", all, "-k", subnet}});
   }
+  runs.push_back(kAnchorListing);
+  EXPECT_EQ(pf.invocations(), runs);
+  EXPECT_EQ(stored().at("501").policies, (std::vector{lab, farm}));
+  std::string text = contentOf(state(HF::kAnchorFile));
+  EXPECT_EQ(pf.loadedRuleset(kAnchor), text);
+  EXPECT_EQ(std::tuple(modeOf(state(HF::kStoreFile)), modeOf(state(HF::kAnchorFile)),
+                       modeOf(state(HF::kLoadedFile))),
+            std::tuple(0600, 0644, 0600));
+  EXPECT_EQ(HF::readLoadedRuleset(env),
+            (NetworkFirewall::LoadedRuleset{
+                NetworkFirewall::rulesetDigest(text),
+                NetworkFirewall::digest(HelperCommand::run(paths.pfctl, kAnchorListing).stdout),
+                "6c0a3a8e-2b1f-4f39-9b3c-7c1d5e2f8a90"}));
+  EXPECT_TRUE(pf.enabled());
+  EXPECT_EQ(contentOf(paths.pfConf), "anchor \"com.apple/*\" all\n");
+  EXPECT_FALSE(pathExists(paths.legacyAnchorFile));
+  // The same again, and the re-apply: pf already runs these rules.
+  pf.clearInvocations();
+  replies.push_back(apply({lab, farm}, 501));
+  HF::reapplyAtBoot(host);
+  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing, kStatusInfo, kAnchorListing}));
+
+  // Another user adopts the legacy networks and wins the contested subnet as its latest owner.
+  FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24"), off = theirs;
+  theirs.policy.defaultInbound = FirewallRule::Action::allow;
+  tree.write("etc/pf.conf", "anchor \"com.tarnly.firewall\"\npass all\n");  // cleaned again,
+  pf.clearInvocations();
+  replies.push_back(apply({theirs}, 502, true));
+  EXPECT_EQ(contentOf(paths.pfConf), "pass all\n");
+  EXPECT_EQ(contentOf(state("pf.conf.before-tarnly-cleanup")), conf);  // the first backup kept
+  EXPECT_EQ(runsOf(kEnable), 0u) << "pf was enabled in this boot already";
+  EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
+  pf.setMainRuleset("pass all\n");
+  EXPECT_THAT(
+      HF::statusReport(host),
+      testing::AllOf(HasSubstr("== main ruleset anchors ==\n(none - the main ruleset "
+                               "evaluates no anchors)\n\n== com.apple/900.tarnly.firewall "
+                               "==\nblock drop quick on bridge100 inet6 all\n  [ Evaluations: "),
+                     testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n"
+                                       "192.168.70.0/24 501")));
+  off.policy.enabled = false;
+  replies.push_back(apply({off}, 502));
+  EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
+
+  // In a new boot, through a busy pf: a changed network kills the states of its subnet only.
+  const std::string boot2 = "2f9d7c1e-0000-4000-8000-000000000001";
+  setBootID(boot2);
+  pf.failNextLoads(2);
   pf.clearInvocations();
   FirewallNetworkPolicy changed = farm;
   changed.policy.rules[0].ports = "2222";
-  apply({lab, changed}, 501);
-  EXPECT_EQ(runsOf(anchorLoad()), 1u);
-  EXPECT_EQ(runsOf({"-E"}), 1u);
-  EXPECT_EQ(runsOf({"-k", "0.0.0.0/0", "-k", "192.168.70.0/24"}), 1u);
-  EXPECT_EQ(runsOf({"-k", "192.168.64.0/24"}), 0u);
-  EXPECT_THAT(pf.states(), testing::Each(HasSubstr("192.168.64.10")));
-}
+  replies.push_back(apply({lab, changed}, 501));
+  EXPECT_EQ(runsOf(anchorLoad()), 3u);
+  EXPECT_EQ(sleeps, std::vector<std::chrono::microseconds>(2, std::chrono::milliseconds(400)));
+  EXPECT_EQ(runsOf(kEnable), 1u);
+  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, boot2);
+  EXPECT_EQ(runsOf({"-k", all, "-k", farm0}) + runsOf({"-k", farm0}), 2u);
+  EXPECT_EQ(runsOf({"-k", lab0}) + runsOf({"-k", all, "-k", lab0}), 0u);
 
-TEST_F(FirewallOperations, MostRecentOwnerWinsLegacyIsAdoptedAndTheLastRemovalDeletesTheFiles) {
-  tree.write(kStore, document({network(9, "Old", "192.168.90.0/24")}));
-  FirewallNetworkPolicy theirs = network(3, "Their lab", "192.168.64.0/24");
-  theirs.policy.defaultInbound = FirewallRule::Action::allow;
-  apply({lab, farm}, 501);
-  EXPECT_TRUE(stored().contains("legacy"));
-  EXPECT_EQ(apply({theirs}, 502, true),
-            "Enforcing 1 network: Their lab - 2 more for other users of this Mac");
-  EXPECT_FALSE(stored().contains("legacy"));
-  EXPECT_THAT(logLines(), Contains("192.168.64.0/24 is claimed by networks of more than one "
-                                   "user; uid 501's \"Lab\" is left out for the most recently "
-                                   "applied one."));
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Their lab (192.168.64.0/24) ---"));
-  EXPECT_THAT(anchorRules(), Not(HasSubstr("# --- Lab ")));
-  EXPECT_THAT(HelperFirewall::statusReport(host),
-              testing::EndsWith("== subnet owners ==\n192.168.64.0/24 502\n192.168.70.0/24 501"));
-  HelperFirewall::remove(host, 502, false);
-  EXPECT_THAT(stored(), ElementsAre(testing::Key("501")));
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Lab (192.168.64.0/24) ---"));
-  EXPECT_EQ(logLines().back(), "Removed uid 502's firewall policies; other users' stay in force.");
-  HelperFirewall::remove(host, 501, false);
-  for (const char* file : {"firewall-policies.json", "firewall.pf.conf", "firewall-loaded.json"}) {
+  // No enabled network left: an empty anchor, which keeps the boot of the last enable, and stays
+  // as it is while pf is off.
+  replies.push_back(apply({off}, 501));
+  pf.setEnabled(false);
+  pf.clearInvocations();
+  replies.push_back(apply({off}, 501));
+  EXPECT_EQ(pf.invocations(), (Runs{kStatusInfo, kAnchorListing}));
+  EXPECT_EQ(HF::readLoadedRuleset(env)->enabledInBoot, boot2);
+
+  // Refused and skipped parts; failures change nothing.
+  FirewallNetworkPolicy broken = lab;
+  broken.policy.rules[0].remoteCIDR = "example.com";
+  replies.push_back(apply({broken, network(4, "Home", "192.168.1.0/24")}, 501));
+  EXPECT_EQ(stored().at("501").policies, std::vector{broken});
+  replies.push_back(apply({farm, network(5, "Web", "192.168.71.0/24")}, 502));
+  std::string store = contentOf(state(HF::kStoreFile));
+  auto record = HF::readLoadedRuleset(env);
+  pf.clearInvocations();
+  sleeps.clear();
+  replies.push_back(apply({}, 501, false, "{\"not\": \"an array\"}"));
+  EXPECT_TRUE(pf.invocations().empty());
+  pf.failNextLoads(6);
+  replies.push_back(apply({lab}, 501));
+  EXPECT_EQ(runsOf(anchorLoad()), 6u);
+  EXPECT_EQ(sleeps.size(), 5u);
+  pf.failNextLoads(6);
+  EXPECT_THAT([&] { HF::remove(host, 501, false); },
+              testing::Throws<HF::HelperError>(
+                  testing::Property(&HF::HelperError::kind, HF::HelperError::Kind::pfctlFailed)));
+  EXPECT_EQ(contentOf(state(HF::kStoreFile)), store);
+  EXPECT_EQ(HF::readLoadedRuleset(env), record);
+  HF::remove(host, 501, false);
+
+  // The re-apply after a flush reports the networks it leaves out, and logs a failure.
+  flushAnchor();
+  hostAddresses.push_back({"en1", {192, 168, 70, 9}, 24});  // now overlaps Farm
+  HF::reapplyAtBoot(host);
+  EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Web"));
+  flushAnchor();
+  pf.failNextLoads(6);
+  HF::reapplyAtBoot(host);
+  hostAddresses.pop_back();
+  // The last removal flushes the anchor and deletes the files.
+  pf.clearInvocations();
+  HF::remove(host, 502, false);
+  for (const char* file : {HF::kStoreFile, HF::kAnchorFile, HF::kLoadedFile}) {
     EXPECT_FALSE(pathExists(state(file))) << file;
   }
   EXPECT_EQ(runsOf({"-a", kAnchor, "-F", "rules"}), 1u);
-  EXPECT_TRUE(anchorRules().empty());
-  EXPECT_EQ(logLines().back(), "Removed firewall enforcement.");
-}
+  EXPECT_TRUE(pf.loadedRuleset(kAnchor).empty());
 
-TEST_F(FirewallOperations, RepliesForRefusedSkippedAndDisabledNetworksAndFailuresKeepTheStore) {
-  // A refused network is reported after the rest is applied and saved.
-  EXPECT_EQ(applyError(document({lab, network(4, "Home", "192.168.1.0/24")}), 501),
-            "Enforcing 1 network: Lab\nNot enforced:\n- Home: 192.168.1.0/24 overlaps en0 "
-            "(192.168.1.20), one of this Mac's own networks; rules there would cut the Mac off "
-            "from it.");
-  EXPECT_EQ(stored().at("501").policies, std::vector{lab});
-  FirewallNetworkPolicy broken = lab;
-  broken.policy.rules[0].remoteCIDR = "example.com";
-  EXPECT_EQ(apply({broken}, 501), "Enforcing 1 network: Lab - 1 rule skipped");
-  apply({farm, network(5, "Web", "192.168.71.0/24")}, 502);
-  FirewallNetworkPolicy off = network(6, "Off", "192.168.80.0/24");
-  off.policy.enabled = false;
-  EXPECT_EQ(apply({off}, 501),
-            "None of your networks has an enabled firewall. - 2 more for other users of this Mac");
-  EXPECT_FALSE(stored().contains("501"));
-
-  apply({lab}, 501);
-  std::string store = storeText();
+  // An undecodable store leaves pf alone at start, and is kept once when an apply replaces it.
+  tree.write(kState + HF::kStoreFile, "{\"owners\": garbage", 0600);
+  tree.write(kState + HF::kUnreadableStoreFile, "an older one", 0600);
   pf.clearInvocations();
-  EXPECT_THAT(applyError("{\"not\": \"an array\"}", 501),
-              StartsWith("Could not read the firewall policy: the document: "));
+  HF::reapplyAtBoot(host);
   EXPECT_TRUE(pf.invocations().empty());
-  pf.failNextLoads(6);
-  EXPECT_THAT(applyError(document({lab, farm}), 501), StartsWith("pfctl rejected the ruleset: "));
-  pf.failNextLoads(6);
-  EXPECT_THROW(HelperFirewall::remove(host, 501, false), HelperFirewall::HelperError);
-  EXPECT_EQ(storeText(), store);
+  replies.push_back(apply({lab}, 501));
+  replies.push_back(apply({lab, farm}, 501));
+  EXPECT_EQ(contentOf(state(HF::kUnreadableStoreFile)), "{\"owners\": garbage");
+  // A refusal other than a busy pf is not retried, and leaves the record alone.
+  tree.script("sbin/pfctl",
+              "[ \"$3\" = -f ] || exit 0\nprintf 'No ALTQ support in kernel\\n"
+              "firewall.pf.conf:7: syntax error\\n' >&2\nexit 1\n");
+  HF::recordLoadedRuleset(env, {"old", std::nullopt, std::nullopt});  // an older record
+  sleeps.clear();
+  replies.push_back(apply({lab}, 501));
+  EXPECT_TRUE(sleeps.empty());
+  EXPECT_EQ(HF::readLoadedRuleset(env), (NetworkFirewall::LoadedRuleset{"old", {}, {}}));
+
+  EXPECT_EQ(join(replies, "\n"),
+            R"(Enforcing 2 networks: Lab, Farm - 1 more for other users of this Mac
+Enforcing 2 networks: Lab, Farm - 1 more for other users of this Mac
+Enforcing 1 network: Their lab - 2 more for other users of this Mac
+None of your networks has an enabled firewall. - 2 more for other users of this Mac
+Enforcing 2 networks: Lab, Farm
+None of your networks has an enabled firewall.
+None of your networks has an enabled firewall.
+Enforcing 1 network: Lab - 1 rule skipped
+Not enforced:
+- Home: 192.168.1.0/24 overlaps en0 (192.168.1.20), one of this Mac's own networks; rules there would cut the Mac off from it.
+Enforcing 2 networks: Farm, Web - 1 more for other users of this Mac
+Could not read the firewall policy: the document: expected an array of networks, found object
+pfctl rejected the ruleset: pfctl: DIOCXCOMMIT: Resource busy
+Enforcing 1 network: Lab
+Enforcing 2 networks: Lab, Farm
+pfctl rejected the ruleset: firewall.pf.conf:7: syntax error)");
+  std::string log = join(logLines(), "\n");
+  for (size_t at; (at = log.find(paths.stateDirectory)) != std::string::npos;) {
+    log.replace(at, paths.stateDirectory.size(), "<state>");
+  }
+  EXPECT_EQ(
+      log,
+      R"(Could not record what pf was loaded with: Could not write <state>/firewall-loaded.json: No such file or directory.
+192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
+Removed legacy anchor references from /etc/pf.conf.
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
+192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
+Firewall for uid 501 unchanged; pf already runs these rules, so nothing was reloaded.
+192.168.64.0/24 is claimed by networks of more than one user; an unowned "Old" is left out for the most recently applied one.
+Boot re-apply: pf already runs these rules; nothing reloaded. Enforcing 2 networks for all users: Lab, Farm
+192.168.64.0/24 is claimed by networks of more than one user; uid 501's "Lab" is left out for the most recently applied one.
+Removed legacy anchor references from /etc/pf.conf.
+Applied firewall. Enforcing 2 networks for all users: Their lab, Farm - IPv6 dropped on bridge100
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
+pf was busy; the ruleset loaded on attempt 3.
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100
+Applied firewall. No networks have an enabled firewall - the anchor is empty.
+Firewall for uid 501 unchanged; pf already runs these rules, so nothing was reloaded.
+Applied firewall. Enforcing 1 network for all users: Lab - 1 rule skipped - IPv6 dropped on bridge100
+Applied firewall. Enforcing 3 networks for all users: Farm, Web, Lab - 1 rule skipped - IPv6 dropped on bridge100
+Applied firewall. Enforcing 2 networks for all users: Farm, Web
+Removed uid 501's firewall policies; other users' stay in force.
+Applied firewall. Enforcing 1 network for all users: Web
+Boot re-apply: Enforcing 1 network for all users: Web
+Boot re-apply left out: Farm: 192.168.70.0/24 overlaps en1 (192.168.70.9), one of this Mac's own networks; rules there would cut the Mac off from it.
+Boot re-apply failed: pfctl rejected the ruleset: pfctl: DIOCXCOMMIT: Resource busy
+Removed firewall enforcement.
+Persisted firewall policy could not be decoded; leaving pf alone.
+Persisted firewall policy could not be decoded; starting from none.
+Applied firewall. Enforcing 1 network for all users: Lab - IPv6 dropped on bridge100
+Kept the firewall policy that could not be decoded as <state>/firewall-policies.json.unreadable.
+Applied firewall. Enforcing 2 networks for all users: Lab, Farm - IPv6 dropped on bridge100)");
+  // The uninstall takes the log, the kept store and the pf.conf backup along; what others still
+  // use stays, and so do files it does not know, named; the lock file goes with the folder only.
+  EXPECT_EQ(HF::removeStateForUninstall(env),
+            "firewall rules another account on this Mac still uses");
+  HF::remove(host, 501, false);
+  for (const char* name : {".vlans.json.tmp-0123456789ab", ".DS_Store", "notes.txt"}) {
+    tree.write(kState + name, "[]");
+  }
+  ASSERT_EQ(::mkfifo(state("vlans.json").c_str(), 0600), 0);  // read without blocking, and gone
+  EXPECT_EQ(HF::removeStateForUninstall(env), "notes.txt");
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(paths.stateDirectory)) {
+    left.push_back(entry.path().filename());
+  }
+  EXPECT_THAT(left, testing::UnorderedElementsAre(".firewall.lock", "notes.txt"));
+  EXPECT_FALSE(pathExists(paths.logFile));
+  removeFile(state("notes.txt"));
+  EXPECT_EQ(HF::removeStateForUninstall(env), std::nullopt);
+  EXPECT_FALSE(pathExists(paths.stateDirectory));
+  EXPECT_EQ(HF::removeStateForUninstall(env), std::nullopt);  // no folder
+  tree.write(kState.substr(0, kState.size() - 1), "not a folder");
+  EXPECT_EQ(HF::removeStateForUninstall(env), std::nullopt);
 }
 
-TEST_F(FirewallOperations, StatusReportSections) {
-  pf.setMainRuleset(
-      "scrub-anchor \"com.apple/*\" all fragment reassemble\npass quick on lo0 all\n"
-      "anchor \"com.apple/*\" all\n");
-  std::string report = HelperFirewall::statusReport(host);
-  EXPECT_THAT(report, StartsWith("== pf status ==\nStatus: Disabled"));
-  EXPECT_THAT(report, testing::EndsWith(
-                          "\n\n== main ruleset anchors ==\n"
-                          "scrub-anchor \"com.apple/*\" all fragment reassemble\n"
-                          "anchor \"com.apple/*\" all\n\n== com.apple/900.tarnly.firewall ==\n"
-                          "(anchor is empty - nothing enforced)\n\n== subnet owners ==\n(none)"));
-  pf.setMainRuleset("pass all\n");
-  apply({lab}, 501);
-  report = HelperFirewall::statusReport(host);
-  EXPECT_THAT(report, HasSubstr("== main ruleset anchors ==\n"
-                                "(none - the main ruleset evaluates no anchors)\n"));
-  EXPECT_THAT(report, HasSubstr("== com.apple/900.tarnly.firewall ==\n"
-                                "block drop quick on bridge100 inet6 all\n  [ Evaluations: "));
-}
-
-TEST_F(FirewallOperations, ReapplyWithoutOrWithAnUndecodableStoreLeavesPfAlone) {
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_TRUE(logLines().empty());
-  EXPECT_FALSE(pathExists(paths.stateDirectory)) << "no trace, not even a lock file";
-  // A FIFO where the store belongs neither blocks nor counts as a store.
-  createDirectories(paths.stateDirectory);
-  ASSERT_EQ(::mkfifo(state("firewall-policies.json").c_str(), 0600), 0);
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_TRUE(logLines().empty());
-  std::filesystem::remove(state("firewall-policies.json"));
-  tree.write(kStore, "{\"owners\":");
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_TRUE(pf.invocations().empty());
-  EXPECT_THAT(logLines(),
-              ElementsAre("Persisted firewall policy could not be decoded; leaving pf alone."));
-}
-
-TEST_F(FirewallOperations, UnreadableStateFilesNeitherBlockNorVanishSilently) {
-  // FIFOs at the record and the VLAN record, and an undecodable store.
-  createDirectories(paths.stateDirectory);
-  ASSERT_EQ(::mkfifo(state("firewall-loaded.json").c_str(), 0600), 0);
-  ASSERT_EQ(::mkfifo(state("vlans.json").c_str(), 0600), 0);
-  tree.write(kStore, "{\"owners\": garbage", 0600);
-  tree.write(kStore + ".unreadable", "an older one", 0600);
-  apply({lab}, 501);
-  EXPECT_EQ(stored().at("501").policies, std::vector{lab});
-  EXPECT_EQ(contentOf(state("firewall-policies.json.unreadable")), "{\"owners\": garbage");
-  EXPECT_THAT(logLines(), testing::IsSupersetOf(std::vector<std::string>{
-                              "Persisted firewall policy could not be decoded; starting from none.",
-                              "Kept the firewall policy that could not be decoded as " +
-                                  state("firewall-policies.json.unreadable") + "."}));
-  apply({lab, farm}, 501);
-  EXPECT_EQ(contentOf(state("firewall-policies.json.unreadable")), "{\"owners\": garbage")
-      << "a decodable store is not kept";
-}
-
-TEST_F(FirewallOperations, ConcurrentReapplyOfAnotherProcessLoadsTheStoreAsTheApplyLeftIt) {
-  apply({lab}, 501);
-  flushAnchor();
-  // Another process (the service) is applying: it holds the lock and will store Farm instead.
-  HeldFlock service(state(".firewall.lock"));
-  std::atomic<bool> done{false};
-  std::thread reapply([&] {
-    HelperFirewall::reapplyAtBoot(host);
-    done = true;
-  });
-  EXPECT_TRUE(waitForFlockWaiter(service.inode(), [&] { return done.load(); }))
-      << "the re-apply did not wait for the other process";
-  HelperFirewall::saveStore(env, {{"501", {{farm}, at(1)}}});
-  service.release();
-  reapply.join();
-  EXPECT_THAT(anchorRules(), HasSubstr("Farm"));
-  EXPECT_THAT(anchorRules(), Not(HasSubstr("Lab")));
-}
-
-TEST_F(FirewallOperations, ReapplyAfterAFlushReloadsReportsRefusalsAndLogsFailures) {
-  apply({lab, farm}, 501);
-  flushAnchor();
-  hostAddresses.push_back({"en1", {192, 168, 70, 9}, 24});  // now overlaps Farm
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_THAT(logLines(),
-              testing::IsSupersetOf(
-                  {"Boot re-apply: Enforcing 1 network for all users: Lab",
-                   "Boot re-apply left out: Farm: 192.168.70.0/24 overlaps en1 (192.168.70.9), "
-                   "one of this Mac's own networks; rules there would cut the Mac off from it."}));
-  EXPECT_EQ(logLines().back().substr(0, 23), "Boot re-apply left out:");
-  EXPECT_THAT(anchorRules(), HasSubstr("# --- Lab"));
-
-  flushAnchor();
-  pf.failNextLoads(6);
-  HelperFirewall::reapplyAtBoot(host);
-  EXPECT_THAT(logLines().back(), StartsWith("Boot re-apply failed: pfctl rejected the ruleset: "));
-  EXPECT_EQ(apply({lab}, 501), "Enforcing 1 network: Lab");  // the lock was released
-}
-
-TEST_F(FirewallOperations, ConcurrentAppliesOfEightUsersAllEndInTheStore) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([this, i] {
-      std::string n = std::to_string(100 + i);
-      apply({network(100 + i, "Net " + n, "192.168." + n + ".0/24")}, 600 + i);
+TEST_F(FirewallOperations, ConcurrentOperationsWaitForTheLockOfAnotherProcess) {
+  std::atomic<bool> done;
+  std::thread thread;
+  // Runs `operation` on a thread of its own; true once it waits for the lock `holder` holds.
+  auto waits = [&](const std::function<void()>& operation, const HeldFlock& holder) {
+    done = false;
+    thread = std::thread([&, operation] {
+      operation();
+      done = true;
     });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(stored().size(), 8u);
-  for (int i = 0; i < 8; ++i) {
-    EXPECT_THAT(anchorRules(), HasSubstr("# --- Net " + std::to_string(100 + i) + " ("));
-  }
+    return waitForFlockWaiter(holder.inode(), [&] { return done.load(); });
+  };
+  const std::string lock = state(".firewall.lock");
+  createDirectories(paths.stateDirectory);
+  // The other process removes its lock file on the way out, as the clean-up does: the apply locks
+  // the file in place then, which the next one waits for.
+  auto holder = std::make_unique<HeldFlock>(lock);
+  EXPECT_TRUE(waits([&] { apply({lab}, 501); }, *holder));
+  removeFile(lock);
+  auto next = std::make_unique<HeldFlock>(lock);
+  holder.reset();
+  EXPECT_TRUE(waitForFlockWaiter(next->inode(), [&] { return done.load(); }));
+  next.reset();
+  thread.join();
+  EXPECT_THAT(stored(), testing::ElementsAre(testing::Key("501")));
+  // The re-apply reads the store only when the other process (saving Farm) is done.
+  flushAnchor();
+  holder = std::make_unique<HeldFlock>(lock);
+  EXPECT_TRUE(waits([&] { HF::reapplyAtBoot(host); }, *holder));
+  HF::saveStore(env, {{"501", {{farm}, at(1)}}});
+  holder.reset();
+  thread.join();
+  EXPECT_THAT(pf.loadedRuleset(kAnchor), HasSubstr("# --- Farm"));
+  EXPECT_THAT(pf.loadedRuleset(kAnchor), testing::Not(HasSubstr("Lab")));
+  // The clean-up removes nothing before.
+  tree.write(kState + ".DS_Store", "");
+  holder = std::make_unique<HeldFlock>(lock);
+  EXPECT_TRUE(waits([&] { HF::removeStateForUninstall(env); }, *holder));
+  EXPECT_TRUE(pathExists(state(".DS_Store")));
+  holder.reset();
+  thread.join();
+  EXPECT_FALSE(pathExists(state(".DS_Store")));
 }
 
 }  // namespace
