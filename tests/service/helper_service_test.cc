@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
 #include "firewall/enforce/firewall_lock.h"
@@ -36,8 +37,6 @@ using testing::ElementsAre;
 constexpr std::uint32_t kAdmin = 501, kConsole = 502, kOther = 503;  // kConsole is no admin
 const std::string kListening =
     "Helper " + std::string(TARNLY_VERSION) + " listening on com.orbelle.tarnly.adminhelper.";
-const std::string kShutdown =
-    "Shutdown requested for upgrade; exiting so launchd re-execs the new binary.";
 
 // True once `condition` holds (polled); false after ten seconds without it.
 bool eventually(const std::function<bool()>& condition) {
@@ -114,11 +113,9 @@ class ServiceConcurrentTest : public ::testing::Test {
     env.paths.executable = launchFile;
     HelperListener::Seams seams;
     seams.now = [this] { return now(); };
-    seams.sleep = [this](std::chrono::microseconds duration) {
-      advance(duration), onSleep(++sleeps);
-    };
+    seams.sleep = [this](std::chrono::microseconds duration) { advance(duration), ++sleeps; };
     seams.startTimer = [this](std::function<void()>) { ++timerStarts; };
-    seams.exit = [this] { atExit(), ++exits; };
+    seams.exit = [this] { ++exits; };
     seams.holdFirewallLock = [this] { HelperFirewall::FirewallLock taken(env); };
     auto listener = HelperListener::create(env, seams);
     listener->listen([] {});
@@ -175,8 +172,6 @@ class ServiceConcurrentTest : public ::testing::Test {
       reportStarted{0};
   std::atomic<std::chrono::steady_clock::duration::rep> ticks{0};
   std::atomic<bool> released{false};
-  std::function<void(int sleeps)> onSleep = [](int) {};  // set before the thread that sleeps starts
-  std::function<void()> atExit = [] {};
   std::unique_ptr<HelperPeerCheck> peerCheck;
   std::unique_ptr<HelperTransport> transport;
   std::thread server;
@@ -221,43 +216,30 @@ TEST_F(ServiceConcurrentTest, CountsConnectionsAndExitsOnlyWhenReplacedOrIdleFor
                           kListening, "Idle; exiting. launchd will relaunch on the next request."));
 }
 
+// Work that never ends holds off the idle exit; the shutdown waits for it only 10 s (polled, the
+// clock moving with each sleep), then for an apply that holds the firewall lock in another process.
 TEST_F(ServiceConcurrentTest, ShutdownWaitsForDeferredWorkAtMostTenSecondsAndThenForTheLock) {
   auto listener = start();
-  std::atomic<int> finished{0};
-  auto work = [&] { eventually([&] { return released.load(); }), ++finished; };
-  // Work that ends in time (during the fifth sleep): the exit follows it.
-  atExit = [&] { EXPECT_EQ(finished, 1); };
-  onSleep = [&](int count) {
-    if (count == 5) released = true, eventually([&] { return listener->workInFlight() == 0; });
-  };
-  listener->runDeferred(work);
-  listener->shutdownForUpgrade();
-  ASSERT_TRUE(eventually([&] { return exits == 1; }));
-  EXPECT_EQ(sleeps, 5);
-
-  // Work that never ends holds off the idle exit; the shutdown stops waiting for it after 10 s of
-  // polling (the clock moves with each sleep), then waits for an apply by another process.
-  onSleep = [](int) {};
-  atExit = [] {};
-  released = false;
-  listener->runDeferred(work);
+  std::atomic<bool> finished{false};
+  listener->runDeferred([&] { eventually([&] { return released.load(); }), finished = true; });
   advance(1h);
   listener->idleTick();
-  EXPECT_EQ(exits, 1);
   createDirectories(paths.stateDirectory);
   HeldFlock apply(paths.state(std::string(HelperFirewall::kLockFile)));
-  auto asked = now();
   listener->shutdownForUpgrade();
-  EXPECT_TRUE(waitForFlockWaiter(apply.inode(), [&] { return exits > 1; }))
+  EXPECT_TRUE(waitForFlockWaiter(apply.inode(), [&] { return exits > 0; }))
       << "exited while an apply held the lock";
   EXPECT_EQ(listener->workInFlight(), 1);
-  EXPECT_EQ(now() - asked, 300ms + 10s);
-  EXPECT_EQ(sleeps, 5 + 101);
+  EXPECT_EQ(now() - std::chrono::steady_clock::time_point(1h), 300ms + 10s);
+  EXPECT_EQ(sleeps, 101);
   apply.release();
-  ASSERT_TRUE(eventually([&] { return exits == 2; }));
+  ASSERT_TRUE(eventually([&] { return exits == 1; }));
   released = true;
-  ASSERT_TRUE(eventually([&] { return finished == 2; }));
-  EXPECT_THAT(logLines(), ElementsAre(kListening, kShutdown, kShutdown));
+  ASSERT_TRUE(eventually([&] { return finished.load(); }));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(kListening,
+                  "Shutdown requested for upgrade; exiting so launchd re-execs the new binary."));
 }
 
 // One client stays throughout: it is served in order while another leaves in mid-request and
@@ -427,6 +409,67 @@ TEST_F(ServiceConcurrentTest, FirewallRowsPassTheCallerAndAdoptLegacyForTheConso
   reply(request("removeFirewallWithReply:"), 0);
   EXPECT_THAT(takeCalls(), ElementsAre(R"(apply "[]" 501 false)", "remove 502 true",
                                        R"(apply "[]" 501 true)", "remove 0 true"));
+}
+
+// Stamped lines in a 0644 file re-created when missing, rotated only past the limit (the log
+// truncated when the move cannot happen), silent after the uninstall or without a folder.
+TEST_F(ServiceConcurrentTest, LogWritesStampedLinesAndRotatesPastTheLimitUntilUninstall) {
+  const std::string file = paths.logFile, rotated = paths.rotatedLogFile,
+                    stamp = "2026-11-16T20:51:26Z ";
+  HelperLog log(file, rotated, [] { return fromSecondsSinceReferenceDate(816555086.0); });
+  ::umask(077);
+  log.write("two\nlines kept as they are");
+  ::umask(022);
+  EXPECT_EQ(contentOf(file), stamp + "two\nlines kept as they are\n");
+  EXPECT_EQ(modeOf(file), 0644);
+  tree.write("var/log/tarnly-adminhelper.log.1", "older generation\n");
+  std::string full =
+      tree.write("var/log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit, 'x'));
+  log.write("next");  // exactly at the limit: appended, not rotated
+  EXPECT_EQ(contentOf(rotated), "older generation\n");
+  log.write("next");  // now larger: rotated first, the line starts a fresh file
+  EXPECT_EQ(contentOf(file), stamp + "next\n");
+  EXPECT_EQ(contentOf(rotated), std::string(HelperLog::kRotationLimit, 'x') + stamp + "next\n");
+  ASSERT_TRUE(removeFile(rotated));
+  createDirectories(rotated + "/occupied");  // neither removable as a file nor replaced by a move
+  tree.write("var/log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit + 1, 'x'));
+  log.write("next");
+  EXPECT_EQ(contentOf(file), stamp + "next\n");
+  std::filesystem::remove_all(rotated);
+  tree.write("var/log/tarnly-adminhelper.log.1", "older\n");
+  log.removeForUninstall();
+  log.write("after");
+  EXPECT_FALSE(pathExists(file) || pathExists(rotated));
+  HelperLog lost(tree.path("missing/x.log"), tree.path("missing/x.log.1"));
+  lost.write("lost");
+  EXPECT_FALSE(pathExists(tree.path("missing")));
+}
+
+// Another process rotates while holding the log's flock: the write waits and both generations
+// stay. Then writers in several threads: every line whole, and each message there once.
+TEST_F(ServiceConcurrentTest, LogRotationByAnotherProcessKeepsBothGenerationsAndWholeLines) {
+  const std::string big(HelperLog::kRotationLimit + 1, 'x');
+  tree.write("var/log/tarnly-adminhelper.log", big);
+  HeldFlock other(paths.logFile);
+  std::atomic<bool> done{false};
+  std::thread writer([&] { log.write("line"), done = true; });
+  EXPECT_TRUE(waitForFlockWaiter(other.inode(), [&] { return done.load(); }))
+      << "the write went ahead while another process rotated";
+  ASSERT_EQ(::rename(paths.logFile.c_str(), paths.rotatedLogFile.c_str()), 0);
+  other.release();
+  writer.join();
+  EXPECT_EQ(contentOf(paths.rotatedLogFile), big);
+  std::multiset<std::string> expected{"line"};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    for (int i = 0; i < 200; ++i) expected.insert(std::to_string(t * 1000 + i));
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < 200; ++i) log.write(std::to_string(t * 1000 + i));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  std::vector<std::string> lines = logLines();
+  EXPECT_EQ(std::multiset<std::string>(lines.begin(), lines.end()), expected);
 }
 
 TEST(HelperAuthorizationTest, AdministratorsAreRootWithoutALookupAndMembersOfGroup80) {
