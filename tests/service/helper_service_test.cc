@@ -1,17 +1,23 @@
 // The service in one process over recording operations: the listener through its seams (a clock
 // the test moves, ticks it calls, a recorded exit), the protocol's rows and caller rules, and the
 // transport on a temporary socket whose peer check takes this test program for the bundle's app.
+#include <dirent.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "firewall/enforce/firewall_lock.h"
 #include "host/fake_user_directory.h"
@@ -19,6 +25,7 @@
 #include "platform/files.h"
 #include "platform/service_socket.h"
 #include "platform/text.h"
+#include "service/helper_command.h"
 #include "service/helper_listener.h"
 #include "service/helper_peer_check.h"
 #include "service/helper_transport.h"
@@ -35,8 +42,6 @@ using nlohmann::json;
 using testing::ElementsAre;
 
 constexpr std::uint32_t kAdmin = 501, kConsole = 502, kOther = 503;  // kConsole is no admin
-const std::string kListening =
-    "Helper " + std::string(TARNLY_VERSION) + " listening on com.orbelle.tarnly.adminhelper.";
 
 // True once `condition` holds (polled); false after ten seconds without it.
 bool eventually(const std::function<bool()>& condition) {
@@ -144,8 +149,7 @@ class ServiceConcurrentTest : public ::testing::Test {
         [this](std::string_view request, std::uint32_t caller) {
           return HelperProtocol::handle(request, caller, service);
         },
-        HelperTransport::Events{[this] { ++connections; }, [this] { --connections, ++ended; }},
-        log);
+        HelperTransport::Events{[this] { ++connections; }, [this] { --connections; }}, log);
     server = std::thread([this] { transport->serve(); });
   }
   // A client socket connected to the helper; -1 when connecting failed.
@@ -159,7 +163,8 @@ class ServiceConcurrentTest : public ::testing::Test {
 
   TempTree tree;
   HostPaths paths = tree.hostPaths();
-  HelperLog log{paths.logFile, paths.rotatedLogFile};
+  HelperLog log{paths.logFile, paths.rotatedLogFile,
+                [] { return fromSecondsSinceReferenceDate(816555086.0); }};  // 2026-11-16T20:51:26Z
   HelperEnvironment env{paths, systemNow, log};
   FakeUserDirectory users;
   std::atomic<int> consoleAsks{0};
@@ -168,7 +173,7 @@ class ServiceConcurrentTest : public ::testing::Test {
   std::mutex callsLock;
   std::vector<std::string> calls;  // guarded by callsLock
   std::string failure;             // when set, every operation throws it
-  std::atomic<int> activity{0}, sleeps{0}, timerStarts{0}, exits{0}, ended{0}, connections{0},
+  std::atomic<int> activity{0}, sleeps{0}, timerStarts{0}, exits{0}, connections{0},
       reportStarted{0};
   std::atomic<std::chrono::steady_clock::duration::rep> ticks{0};
   std::atomic<bool> released{false};
@@ -177,7 +182,7 @@ class ServiceConcurrentTest : public ::testing::Test {
   std::thread server;
 };
 
-TEST_F(ServiceConcurrentTest, CountsConnectionsAndExitsOnlyWhenReplacedOrIdleForMoreThanTheLimit) {
+TEST_F(ServiceConcurrentTest, ExitsWhenReplacedIdleOrShutDownButNeverUnderWorkOrTheFirewallLock) {
   std::string launchFile = tree.write("Tarnly.app/Contents/Helpers/TarnlyAdminHelper", "1");
   auto replaced = start(launchFile);
   EXPECT_EQ(timerStarts, 1);
@@ -209,37 +214,36 @@ TEST_F(ServiceConcurrentTest, CountsConnectionsAndExitsOnlyWhenReplacedOrIdleFor
   advance(1us);
   idle->idleTick();
   EXPECT_EQ(exits, 2);
-  EXPECT_THAT(logLines(),
-              ElementsAre(kListening,
-                          "This helper's executable was replaced by an update; exiting so launchd "
-                          "starts the new one.",
-                          kListening, "Idle; exiting. launchd will relaunch on the next request."));
-}
 
-// Work that never ends holds off the idle exit; the shutdown waits for it only 10 s (polled, the
-// clock moving with each sleep), then for an apply that holds the firewall lock in another process.
-TEST_F(ServiceConcurrentTest, ShutdownWaitsForDeferredWorkAtMostTenSecondsAndThenForTheLock) {
-  auto listener = start();
+  // Work that never ends holds off the idle exit; the shutdown waits for it only 10 s (polled, the
+  // clock moving with each sleep), then for an apply that holds the firewall lock in another
+  // process.
   std::atomic<bool> finished{false};
-  listener->runDeferred([&] { eventually([&] { return released.load(); }), finished = true; });
+  idle->runDeferred([&] { eventually([&] { return released.load(); }), finished = true; });
   advance(1h);
-  listener->idleTick();
+  idle->idleTick();
   createDirectories(paths.stateDirectory);
   HeldFlock apply(paths.state(std::string(HelperFirewall::kLockFile)));
-  listener->shutdownForUpgrade();
-  EXPECT_TRUE(waitForFlockWaiter(apply.inode(), [&] { return exits > 0; }))
+  auto asked = now();
+  idle->shutdownForUpgrade();
+  EXPECT_TRUE(waitForFlockWaiter(apply.inode(), [&] { return exits > 2; }))
       << "exited while an apply held the lock";
-  EXPECT_EQ(listener->workInFlight(), 1);
-  EXPECT_EQ(now() - std::chrono::steady_clock::time_point(1h), 300ms + 10s);
+  EXPECT_EQ(idle->workInFlight(), 1);
+  EXPECT_EQ(now() - asked, 300ms + 10s);
   EXPECT_EQ(sleeps, 101);
   apply.release();
-  ASSERT_TRUE(eventually([&] { return exits == 1; }));
+  ASSERT_TRUE(eventually([&] { return exits == 3; }));
   released = true;
   ASSERT_TRUE(eventually([&] { return finished.load(); }));
-  EXPECT_THAT(
-      logLines(),
-      ElementsAre(kListening,
-                  "Shutdown requested for upgrade; exiting so launchd re-execs the new binary."));
+  const std::string listening =
+      "Helper " + std::string(TARNLY_VERSION) + " listening on com.orbelle.tarnly.adminhelper.";
+  EXPECT_THAT(logLines(),
+              ElementsAre(listening,
+                          "This helper's executable was replaced by an update; exiting so launchd "
+                          "starts the new one.",
+                          listening, "Idle; exiting. launchd will relaunch on the next request.",
+                          "Shutdown requested for upgrade; exiting so launchd re-execs the new "
+                          "binary."));
 }
 
 // One client stays throughout: it is served in order while another leaves in mid-request and
@@ -258,7 +262,7 @@ TEST_F(ServiceConcurrentTest, ServesInOrderWhileLeavingClientsAndBadInputEndOnly
   EXPECT_EQ(nextReply(staying), R"({"reply":[null]})");
   EXPECT_THAT(takeCalls(), ElementsAre("remove " + std::to_string(::geteuid()) + " false"));
   released = true;
-  ASSERT_TRUE(eventually([&] { return ended == 1; }));
+  ASSERT_TRUE(eventually([&] { return connections == 1; }));
 
   const std::pair<std::string, std::string> cases[] = {
       // bytes sent, fault (none: dropped)
@@ -294,13 +298,14 @@ TEST_F(ServiceConcurrentTest, ServesInOrderWhileLeavingClientsAndBadInputEndOnly
     EXPECT_EQ(nextReply(staying), R"({"reply":["9.9"]})");
   }
   EXPECT_TRUE(takeCalls().empty());
-  ASSERT_TRUE(eventually([&] { return ended == 1 + int(std::size(cases)); }));
-  EXPECT_EQ(connections, 1);
+  ASSERT_TRUE(eventually([&] { return connections == 1; }));
   ::close(staying);
   ASSERT_TRUE(eventually([&] { return connections == 0; }));
 }
 
-TEST_F(ServiceConcurrentTest, AnotherProgramIsDisconnectedWithNothingRun) {
+// A client that runs another program is disconnected with nothing run. The socket file is
+// replaced only once stale, and any other file is left alone.
+TEST_F(ServiceConcurrentTest, AnotherProgramIsDisconnectedAndOnlyAStaleSocketIsReplaced) {
   ASSERT_NO_FATAL_FAILURE(serve(std::filesystem::canonical("/bin/sh").string()));
   int fd = connect();
   WireFrame::write(fd, request("firewallReportWithReply:"));  // it may be closed already
@@ -308,18 +313,15 @@ TEST_F(ServiceConcurrentTest, AnotherProgramIsDisconnectedWithNothingRun) {
   ::close(fd);
   EXPECT_EQ(reportStarted, 0);
   EXPECT_TRUE(logLines().empty());
-}
-
-TEST_F(ServiceConcurrentTest, ServiceSocketReplacesAStaleSocketAndLeavesAnythingElseAlone) {
   std::string path = tree.path("helper.sock"), file = tree.write("plain", "keep me"), error;
-  int first = bindServiceSocket(path, error);
-  ASSERT_GE(first, 0) << error;
   EXPECT_EQ(modeOf(path), 0666);
-  EXPECT_EQ(bindServiceSocket(path, error), -1) << "somebody listens there";
+  EXPECT_EQ(bindServiceSocket(path, error), -1);
   EXPECT_EQ(error, "Left " + path + " alone: another process is listening on it.");
-  ::close(first);  // the file stays behind, stale
-  EXPECT_GE(first = bindServiceSocket(path, error), 0) << error;
-  ::close(first);
+  transport->stop();
+  server.join();
+  transport.reset();  // the socket file stays behind, stale
+  EXPECT_GE(fd = bindServiceSocket(path, error), 0) << error;
+  ::close(fd);
   EXPECT_EQ(bindServiceSocket(file, error), -1);
   EXPECT_EQ(error, "Left " + file + " alone: it is not a socket.");
   EXPECT_EQ(contentOf(file), "keep me");
@@ -336,22 +338,15 @@ TEST_F(ServiceConcurrentTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsF
     std::string call, reply;
     bool logsFailure;
   };
+  // clang-format off
   const Row rows[] = {
       {"helperVersionWithReply:", {}, 'n', "", R"(["9.9"])", false},
-      {"applyFirewallWithPolicyData:withReply:",
-       {"W10="},
-       'c',
-       R"(apply "[]" 501 false)",
-       R"(["applied",null])",
-       true},
+      {"applyFirewallWithPolicyData:withReply:", {"W10="}, 'c', R"(apply "[]" 501 false)",
+       R"(["applied",null])", true},
       {"removeFirewallWithReply:", {}, 'c', "remove 501 false", "[null]", true},
       {"firewallReportWithReply:", {}, 'n', "report", R"(["status",null])", false},
-      {"createVLANWithName:tag:parentBSD:withReply:",
-       {"Lab", -9, "en0"},
-       'a',
-       R"(createVLAN "Lab" -9 "en0")",
-       R"(["vlan0",null])",
-       true},
+      {"createVLANWithName:tag:parentBSD:withReply:", {"Lab", -9, "en0"}, 'a',
+       R"(createVLAN "Lab" -9 "en0")", R"(["vlan0",null])", true},
       {"deleteVLANWithBsdName:withReply:", {"vlan0"}, 'a', R"(deleteVLAN "vlan0")", "[null]", true},
       {"createdVLANsWithReply:", {}, 'n', "createdVLANs", R"(["W10=",null])", false},
       {"installCLISymlinkWithReply:", {}, 'c', "installCLISymlink", "[null]", true},
@@ -362,6 +357,7 @@ TEST_F(ServiceConcurrentTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsF
       {"shutdownForUpgradeWithReply:", {}, 'c', "shutdown", "[]", false},
       {"removeFilesForUninstallWithReply:", {}, 'c', "uninstall", "[null,null]", false},
   };
+  // clang-format on
   for (const Row& row : rows) {
     const HelperProtocol::Method& method = *HelperProtocol::find(row.selector);
     json refused(method.replyCount(), nullptr), failed = refused;  // text in the error position
@@ -411,55 +407,35 @@ TEST_F(ServiceConcurrentTest, FirewallRowsPassTheCallerAndAdoptLegacyForTheConso
                                        R"(apply "[]" 501 true)", "remove 0 true"));
 }
 
-// Stamped lines in a 0644 file re-created when missing, rotated only past the limit (the log
-// truncated when the move cannot happen), silent after the uninstall or without a folder.
-TEST_F(ServiceConcurrentTest, LogWritesStampedLinesAndRotatesPastTheLimitUntilUninstall) {
+// Stamped lines in a 0644 file whatever the umask, rotated only past the limit, also by another
+// process under the log's flock (the write waits; both generations stay), the log truncated when
+// no move can replace the older generation, whole lines from many threads, silence after the
+// uninstall or without a folder.
+TEST_F(ServiceConcurrentTest, LogRotatesOnlyPastTheLimitAlsoUnderAnotherProcess) {
   const std::string file = paths.logFile, rotated = paths.rotatedLogFile,
-                    stamp = "2026-11-16T20:51:26Z ";
-  HelperLog log(file, rotated, [] { return fromSecondsSinceReferenceDate(816555086.0); });
+                    big(HelperLog::kRotationLimit, 'x'), stamp = "2026-11-16T20:51:26Z ";
   ::umask(077);
-  log.write("two\nlines kept as they are");
+  log.write("two\nlines");
   ::umask(022);
-  EXPECT_EQ(contentOf(file), stamp + "two\nlines kept as they are\n");
+  EXPECT_EQ(contentOf(file), stamp + "two\nlines\n");
   EXPECT_EQ(modeOf(file), 0644);
-  tree.write("var/log/tarnly-adminhelper.log.1", "older generation\n");
-  std::string full =
-      tree.write("var/log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit, 'x'));
-  log.write("next");  // exactly at the limit: appended, not rotated
-  EXPECT_EQ(contentOf(rotated), "older generation\n");
-  log.write("next");  // now larger: rotated first, the line starts a fresh file
-  EXPECT_EQ(contentOf(file), stamp + "next\n");
-  EXPECT_EQ(contentOf(rotated), std::string(HelperLog::kRotationLimit, 'x') + stamp + "next\n");
-  ASSERT_TRUE(removeFile(rotated));
-  createDirectories(rotated + "/occupied");  // neither removable as a file nor replaced by a move
-  tree.write("var/log/tarnly-adminhelper.log", std::string(HelperLog::kRotationLimit + 1, 'x'));
-  log.write("next");
-  EXPECT_EQ(contentOf(file), stamp + "next\n");
-  std::filesystem::remove_all(rotated);
-  tree.write("var/log/tarnly-adminhelper.log.1", "older\n");
-  log.removeForUninstall();
-  log.write("after");
-  EXPECT_FALSE(pathExists(file) || pathExists(rotated));
-  HelperLog lost(tree.path("missing/x.log"), tree.path("missing/x.log.1"));
-  lost.write("lost");
-  EXPECT_FALSE(pathExists(tree.path("missing")));
-}
-
-// Another process rotates while holding the log's flock: the write waits and both generations
-// stay. Then writers in several threads: every line whole, and each message there once.
-TEST_F(ServiceConcurrentTest, LogRotationByAnotherProcessKeepsBothGenerationsAndWholeLines) {
-  const std::string big(HelperLog::kRotationLimit + 1, 'x');
   tree.write("var/log/tarnly-adminhelper.log", big);
-  HeldFlock other(paths.logFile);
+  log.write("at the limit");  // appended, not rotated
+  EXPECT_FALSE(pathExists(rotated));
+  HeldFlock other(file);  // another process holds the log while it rotates it
   std::atomic<bool> done{false};
-  std::thread writer([&] { log.write("line"), done = true; });
+  std::thread writer([&] { log.write("next"), done = true; });
   EXPECT_TRUE(waitForFlockWaiter(other.inode(), [&] { return done.load(); }))
       << "the write went ahead while another process rotated";
-  ASSERT_EQ(::rename(paths.logFile.c_str(), paths.rotatedLogFile.c_str()), 0);
+  ASSERT_EQ(::rename(file.c_str(), rotated.c_str()), 0);
   other.release();
   writer.join();
-  EXPECT_EQ(contentOf(paths.rotatedLogFile), big);
-  std::multiset<std::string> expected{"line"};
+  EXPECT_EQ(contentOf(rotated), big + stamp + "at the limit\n");
+  EXPECT_EQ(contentOf(file), stamp + "next\n");
+  tree.write("var/log/tarnly-adminhelper.log", big + "x");
+  log.write("rotated");  // past the limit: the older generation is replaced
+  EXPECT_EQ(contentOf(rotated), big + "x");
+  std::multiset<std::string> expected{"rotated"};
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
     for (int i = 0; i < 200; ++i) expected.insert(std::to_string(t * 1000 + i));
@@ -470,6 +446,15 @@ TEST_F(ServiceConcurrentTest, LogRotationByAnotherProcessKeepsBothGenerationsAnd
   for (auto& thread : threads) thread.join();
   std::vector<std::string> lines = logLines();
   EXPECT_EQ(std::multiset<std::string>(lines.begin(), lines.end()), expected);
+  log.removeForUninstall();
+  log.write("after");
+  EXPECT_FALSE(pathExists(file) || pathExists(rotated));
+  createDirectories(rotated + "/occupied");
+  tree.write("var/log/tarnly-adminhelper.log", big + "x");
+  HelperLog(file, rotated).write("truncated");
+  EXPECT_THAT(logLines(), ElementsAre("truncated"));
+  HelperLog(tree.path("missing/x.log"), tree.path("missing/x.log.1")).write("lost");
+  EXPECT_FALSE(pathExists(tree.path("missing")));
 }
 
 TEST(HelperAuthorizationTest, AdministratorsAreRootWithoutALookupAndMembersOfGroup80) {
@@ -484,10 +469,6 @@ TEST(HelperAuthorizationTest, AdministratorsAreRootWithoutALookupAndMembersOfGro
   for (auto [uid, admin] :
        {std::pair{501u, true}, {502u, true}, {503u, false}, {504u, false}, {4242u, false}})
     EXPECT_EQ(HelperAuthorization::isAdministrator(uid, users), admin) << uid;
-  uid_t unknown = 4242000;  // the default directory is the real one
-  while (systemUserDirectory().user(unknown)) ++unknown;
-  EXPECT_FALSE(HelperAuthorization::isAdministrator(unknown));
-  EXPECT_EQ(systemUserDirectory().user(0).value().name, "root");
 }
 
 // What the uninstall clean-up left: reasons in order, each once, other names sorted by code point
@@ -498,9 +479,6 @@ TEST(HelperUninstallTest, ExplanationListsReasonsInOrderAndOtherNamesSorted) {
       "the list of VLANs Tarnly created, which lets a later install remove them";
   const std::pair<std::vector<std::string>, std::optional<std::string>> cases[] = {
       {{}, std::nullopt},
-      {{"firewall.pf.conf", "firewall-policies.json"}, firewall},  // one reason for both
-      {{"notes.txt"}, "notes.txt"},
-      {{"vlans.json", "firewall-loaded.json"}, firewall + " and " + vlans},
       {{"backup.old", "vlans.json"}, vlans + " and backup.old"},
       {{"zeta", "vlans.json", "firewall.pf.conf", "\xc3\xa9t\xc3\xa9", "Alpha", "beta"},
        firewall + ", " + vlans + ", and Alpha, beta, zeta, and \xc3\xa9t\xc3\xa9"},
@@ -515,20 +493,103 @@ TEST(WireFrameTest, CarriesTheLargestFrameAndBase64RoundTripsEveryLength) {
   int fds[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
   std::string big(WireFrame::kMaxFrame, 'x');
-  std::thread writer([&] {
-    EXPECT_TRUE(WireFrame::write(fds[0], big));
-    EXPECT_FALSE(WireFrame::write(fds[0], big + "x")) << "over the limit";
-    ::close(fds[0]);
-  });
+  std::thread writer([&] { EXPECT_TRUE(WireFrame::write(fds[0], big)); });
   EXPECT_EQ(WireFrame::read(fds[1]).payload, big);
-  EXPECT_EQ(WireFrame::read(fds[1]).status, WireFrame::ReadResult::Status::closed);
   writer.join();
-  ::close(fds[1]);
+  EXPECT_FALSE(WireFrame::write(fds[0], big + "x")) << "over the limit";
+  for (int fd : fds) ::close(fd);
   std::string bytes;
   for (int i = 0; i < 260; bytes += static_cast<char>(i++ * 37))
     EXPECT_EQ(Base64::decode(Base64::encode(bytes)), bytes);
   for (const char* bad : {"W10", "W1==", "W11=", "W1=0", "W=0=", "W10*", "W10=AAAA"})
     EXPECT_FALSE(Base64::decode(bad)) << bad;
+}
+
+// Exact results: arguments passed one to one without a shell, both streams and the status, start
+// failures, invalid UTF-8, signals (ones the helper ignores or blocks act by default in the child),
+// output beyond a pipe buffer, a wait that fails, and the combined output.
+TEST(HelperCommandRun, ReportsStatusAndBothStreamsExactly) {
+  TempTree tree;
+  const std::string plain = tree.write("plain", "data", 0644), missing = tree.path("no-tool");
+  const std::tuple<std::string, std::vector<std::string>, HelperCommand::Result> cases[] = {
+      {"/bin/echo", {"a b", "$HOME", "*", "'q'"}, {0, "a b $HOME * 'q'\n", ""}},
+      {"/bin/sh", {"-c", "echo out; echo err >&2; exit 3"}, {3, "out\n", "err\n"}},
+      {missing, {}, {-1, "", "Could not run " + missing + ": No such file or directory"}},
+      {plain, {}, {-1, "", "Could not run " + plain + ": Permission denied"}},
+      {"/bin/sh",
+       {"-c", "printf 'ok \\377\\376 done'; printf '\\303' >&2"},
+       {0, "ok \uFFFD\uFFFD done", "\uFFFD"}},
+      {"/bin/sh", {"-c", "kill -INT $$; exit 0"}, {SIGINT, "", ""}},
+      {"/bin/sh", {"-c", "kill -TERM $$; exit 0"}, {SIGTERM, "", ""}},
+      // 1 MiB to each stream, interleaved, far beyond the 64 KiB a pipe holds.
+      {"/bin/sh",
+       {"-c",
+        "for i in $(seq 16); do head -c 65536 /dev/zero | tr '\\0' o; "
+        "head -c 65536 /dev/zero | tr '\\0' e >&2; done"},
+       {0, std::string(1 << 20, 'o'), std::string(1 << 20, 'e')}},
+  };
+  auto fields = [](const HelperCommand::Result& r) {
+    return std::tuple(r.status, r.stdout, r.stderr);
+  };
+  auto savedInt = std::signal(SIGINT, SIG_IGN);
+  sigset_t term, savedMask;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &term, &savedMask);
+  for (const auto& [path, arguments, expected] : cases)
+    EXPECT_EQ(fields(HelperCommand::run(path, arguments)), fields(expected))
+        << testing::PrintToString(arguments);
+  ::pthread_sigmask(SIG_SETMASK, &savedMask, nullptr);
+  std::signal(SIGINT, savedInt);
+  // With SIGCHLD ignored the kernel reaps the child itself: the failed wait is no success.
+  auto savedChild = std::signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(fields(HelperCommand::run("/bin/true", {})),
+            fields({-1, "", "Could not wait for /bin/true: No child processes"}));
+  std::signal(SIGCHLD, savedChild);
+  EXPECT_EQ((HelperCommand::Result{0, " word\n", ""}).combinedOutput(), "word");
+  EXPECT_EQ((HelperCommand::Result{1, "\n out \n", "\t err\n\n"}).combinedOutput(), "out\nerr");
+  EXPECT_EQ((HelperCommand::Result{1, " \n", " \n"}).combinedOutput(), "");
+  EXPECT_EQ((HelperCommand::Result{1, "", "a\n\nb\n"}).combinedOutput(), "a\n\nb");
+}
+
+// While other runs hold their pipes (each says it is ready on one FIFO, then waits for a line on
+// another), a child inherits no descriptor of the helper or of them, and each run keeps its output.
+TEST(HelperCommandRun, ConcurrentRunsKeepTheirOutputAndLeakNoDescriptor) {
+  TempTree tree;
+  std::vector<std::string> before;  // descriptors open in this process now
+  DIR* dir = ::opendir("/proc/self/fd");
+  for (dirent* entry; (entry = ::readdir(dir)) != nullptr;)
+    if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != ::dirfd(dir))
+      before.emplace_back(entry->d_name);
+  ::closedir(dir);
+  std::string ready = tree.path("ready"), gate = tree.path("gate");
+  ASSERT_EQ(::mkfifo(ready.c_str(), 0600) | ::mkfifo(gate.c_str(), 0600), 0);
+  int readyFd = ::open(ready.c_str(), O_RDWR | O_CLOEXEC);
+  int gateFd = ::open(gate.c_str(), O_RDWR | O_CLOEXEC);
+  std::vector<HelperCommand::Result> others(4);
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < others.size(); ++i) {
+    threads.emplace_back([&, i] {
+      others[i] = HelperCommand::run(
+          "/bin/sh",
+          {"-c", "printf x > \"$0\"; read l < \"$1\"; echo $2", ready, gate, std::to_string(i)});
+    });
+  }
+  for (ssize_t got = 0, n = 0; got < ssize_t(others.size()); got += n) {
+    char bytes[4];
+    ASSERT_GT(n = ::read(readyFd, bytes, sizeof bytes), 0);
+  }
+  // The shell lists the descriptors it inherited.
+  HelperCommand::Result result = HelperCommand::run("/bin/sh", {"-c", "ls /proc/$$/fd"});
+  ASSERT_TRUE(writeAll(gateFd, std::string(others.size(), '\n')));
+  for (auto& thread : threads) thread.join();
+  ::close(readyFd);
+  ::close(gateFd);
+  ASSERT_EQ(result.status, 0);
+  // All of them the test process had already (inherited itself, not close-on-exec).
+  EXPECT_THAT(split(result.stdout, '\n', false), testing::IsSubsetOf(before));
+  for (std::size_t i = 0; i < others.size(); ++i)
+    EXPECT_EQ(others[i].stdout, std::to_string(i) + "\n");
 }
 
 }  // namespace
