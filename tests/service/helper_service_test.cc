@@ -38,6 +38,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
+using HelperCommand::Result;
+using HelperCommand::run;
 using nlohmann::json;
 using testing::ElementsAre;
 
@@ -182,68 +184,63 @@ class ServiceConcurrentTest : public ::testing::Test {
   std::thread server;
 };
 
-TEST_F(ServiceConcurrentTest, ExitsWhenReplacedIdleOrShutDownButNeverUnderWorkOrTheFirewallLock) {
+TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOrTheFirewallLock) {
   std::string launchFile = tree.write("Tarnly.app/Contents/Helpers/TarnlyAdminHelper", "1");
-  auto replaced = start(launchFile);
+  auto listener = start(launchFile);
   EXPECT_EQ(timerStarts, 1);
-  replaced->connectionAccepted();  // the check runs with connections open
+  listener->connectionEnded();  // an end without a start stays at 0
+  EXPECT_EQ(listener->activeConnections(), 0);
+  listener->connectionAccepted();
+  listener->connectionAccepted();
   std::ofstream(launchFile, std::ios::trunc) << "2 rewritten in place";
-  replaced->idleTick();
-  EXPECT_EQ(exits, 0);
-  ASSERT_EQ(::rename(tree.write("new-helper", "3").c_str(), launchFile.c_str()), 0);
-  replaced->idleTick();
-  EXPECT_EQ(exits, 1);
-
-  auto idle = start();
-  idle->connectionEnded();  // an end without a start stays at 0
-  EXPECT_EQ(idle->activeConnections(), 0);
-  idle->connectionAccepted();
-  idle->connectionAccepted();
   for (int open : {1, 0}) {  // open connections keep the helper alive for any time
     advance(1h);
-    idle->idleTick();
-    idle->connectionEnded();
-    EXPECT_EQ(idle->activeConnections(), open);
+    listener->idleTick();
+    listener->connectionEnded();
+    EXPECT_EQ(listener->activeConnections(), open);
   }
-  EXPECT_EQ(idle->lastActivity(), now());
+  EXPECT_EQ(listener->lastActivity(), now());
   advance(300s);
-  idle->noteActivity();  // a request postpones the exit
+  listener->noteActivity();  // a request postpones the exit
   advance(HelperListener::kIdleLimit);
-  idle->idleTick();
-  EXPECT_EQ(exits, 1) << "exactly the limit is not more than it";
+  listener->idleTick();
+  EXPECT_EQ(exits, 0) << "exactly the limit is not more than it";
   advance(1us);
-  idle->idleTick();
-  EXPECT_EQ(exits, 2);
+  listener->idleTick();
+  EXPECT_EQ(exits, 1);
 
-  // Work that never ends holds off the idle exit; the shutdown waits for it only 10 s (polled, the
-  // clock moving with each sleep), then for an apply that holds the firewall lock in another
-  // process.
+  // Deferred work holds off the idle exit and the replaced-executable exit; the shutdown waits for
+  // it only 10 s (polled, the clock moving with each sleep), then for an apply that holds the
+  // firewall lock in another process.
   std::atomic<bool> finished{false};
-  idle->runDeferred([&] { eventually([&] { return released.load(); }), finished = true; });
+  listener->runDeferred([&] { eventually([&] { return released.load(); }), finished = true; });
+  ASSERT_EQ(::rename(tree.write("new-helper", "3").c_str(), launchFile.c_str()), 0);
   advance(1h);
-  idle->idleTick();
+  listener->idleTick();
   createDirectories(paths.stateDirectory);
   HeldFlock apply(paths.state(std::string(HelperFirewall::kLockFile)));
   auto asked = now();
-  idle->shutdownForUpgrade();
-  EXPECT_TRUE(waitForFlockWaiter(apply.inode(), [&] { return exits > 2; }))
+  listener->shutdownForUpgrade();
+  EXPECT_TRUE(waitForFlockWaiter(apply.inode(), [&] { return exits > 1; }))
       << "exited while an apply held the lock";
-  EXPECT_EQ(idle->workInFlight(), 1);
+  EXPECT_EQ(listener->workInFlight(), 1);
   EXPECT_EQ(now() - asked, 300ms + 10s);
   EXPECT_EQ(sleeps, 101);
   apply.release();
-  ASSERT_TRUE(eventually([&] { return exits == 3; }));
+  ASSERT_TRUE(eventually([&] { return exits == 2; }));
   released = true;
-  ASSERT_TRUE(eventually([&] { return finished.load(); }));
-  const std::string listening =
-      "Helper " + std::string(TARNLY_VERSION) + " listening on com.orbelle.tarnly.adminhelper.";
+  ASSERT_TRUE(eventually([&] { return finished && listener->workInFlight() == 0; }));
+  listener->connectionAccepted();  // the check runs with connections open
+  listener->idleTick();
+  EXPECT_EQ(exits, 3);
   EXPECT_THAT(logLines(),
-              ElementsAre(listening,
-                          "This helper's executable was replaced by an update; exiting so launchd "
-                          "starts the new one.",
-                          listening, "Idle; exiting. launchd will relaunch on the next request.",
+              ElementsAre("Helper " + std::string(TARNLY_VERSION) +
+                              " listening on com.orbelle.tarnly.adminhelper.",
+                          "Idle; exiting. launchd will relaunch on the next request.",
                           "Shutdown requested for upgrade; exiting so launchd re-execs the new "
-                          "binary."));
+                          "binary.",
+                          "This helper's executable was replaced by an update; exiting so launchd "
+                          "starts the new one."));
 }
 
 // One client stays throughout: it is served in order while another leaves in mid-request and
@@ -393,9 +390,7 @@ TEST_F(ServiceConcurrentTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsF
     takeCalls();
     EXPECT_EQ(logLines(), lines);
   }
-}
-
-TEST_F(ServiceConcurrentTest, FirewallRowsPassTheCallerAndAdoptLegacyForTheConsoleOrNobody) {
+  // The firewall rows pass the caller, and adopt legacy rules for the console user or nobody.
   const std::string apply = request("applyFirewallWithPolicyData:withReply:", {"W10="});
   reply(apply, kAdmin);  // an administrator away from the console
   reply(request("removeFirewallWithReply:"), kConsole);
@@ -488,16 +483,7 @@ TEST(HelperUninstallTest, ExplanationListsReasonsInOrderAndOtherNamesSorted) {
   EXPECT_EQ(HelperUninstall::englishList({}), "");
 }
 
-// The largest frame through short writes, the end of the stream, and base64 of every length.
-TEST(WireFrameTest, CarriesTheLargestFrameAndBase64RoundTripsEveryLength) {
-  int fds[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-  std::string big(WireFrame::kMaxFrame, 'x');
-  std::thread writer([&] { EXPECT_TRUE(WireFrame::write(fds[0], big)); });
-  EXPECT_EQ(WireFrame::read(fds[1]).payload, big);
-  writer.join();
-  EXPECT_FALSE(WireFrame::write(fds[0], big + "x")) << "over the limit";
-  for (int fd : fds) ::close(fd);
+TEST(Base64Test, RoundTripsEveryLengthAndRefusesNonCanonicalText) {
   std::string bytes;
   for (int i = 0; i < 260; bytes += static_cast<char>(i++ * 37))
     EXPECT_EQ(Base64::decode(Base64::encode(bytes)), bytes);
@@ -511,7 +497,7 @@ TEST(WireFrameTest, CarriesTheLargestFrameAndBase64RoundTripsEveryLength) {
 TEST(HelperCommandRun, ReportsStatusAndBothStreamsExactly) {
   TempTree tree;
   const std::string plain = tree.write("plain", "data", 0644), missing = tree.path("no-tool");
-  const std::tuple<std::string, std::vector<std::string>, HelperCommand::Result> cases[] = {
+  const std::tuple<std::string, std::vector<std::string>, Result> cases[] = {
       {"/bin/echo", {"a b", "$HOME", "*", "'q'"}, {0, "a b $HOME * 'q'\n", ""}},
       {"/bin/sh", {"-c", "echo out; echo err >&2; exit 3"}, {3, "out\n", "err\n"}},
       {missing, {}, {-1, "", "Could not run " + missing + ": No such file or directory"}},
@@ -521,35 +507,29 @@ TEST(HelperCommandRun, ReportsStatusAndBothStreamsExactly) {
        {0, "ok \uFFFD\uFFFD done", "\uFFFD"}},
       {"/bin/sh", {"-c", "kill -INT $$; exit 0"}, {SIGINT, "", ""}},
       {"/bin/sh", {"-c", "kill -TERM $$; exit 0"}, {SIGTERM, "", ""}},
-      // 1 MiB to each stream, interleaved, far beyond the 64 KiB a pipe holds.
+      // 1 MiB to each stream, far beyond the 64 KiB a pipe holds: both are drained at once.
       {"/bin/sh",
-       {"-c",
-        "for i in $(seq 16); do head -c 65536 /dev/zero | tr '\\0' o; "
-        "head -c 65536 /dev/zero | tr '\\0' e >&2; done"},
+       {"-c", "head -c 1M /dev/zero | tr '\\0' o; head -c 1M /dev/zero | tr '\\0' e >&2"},
        {0, std::string(1 << 20, 'o'), std::string(1 << 20, 'e')}},
   };
-  auto fields = [](const HelperCommand::Result& r) {
-    return std::tuple(r.status, r.stdout, r.stderr);
-  };
+  auto fields = [](const Result& r) { return std::tuple(r.status, r.stdout, r.stderr); };
   auto savedInt = std::signal(SIGINT, SIG_IGN);
-  sigset_t term, savedMask;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  ::pthread_sigmask(SIG_BLOCK, &term, &savedMask);
+  sigset_t all, savedMask;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_BLOCK, &all, &savedMask);
   for (const auto& [path, arguments, expected] : cases)
-    EXPECT_EQ(fields(HelperCommand::run(path, arguments)), fields(expected))
-        << testing::PrintToString(arguments);
+    EXPECT_EQ(fields(run(path, arguments)), fields(expected)) << testing::PrintToString(arguments);
   ::pthread_sigmask(SIG_SETMASK, &savedMask, nullptr);
   std::signal(SIGINT, savedInt);
   // With SIGCHLD ignored the kernel reaps the child itself: the failed wait is no success.
   auto savedChild = std::signal(SIGCHLD, SIG_IGN);
-  EXPECT_EQ(fields(HelperCommand::run("/bin/true", {})),
+  EXPECT_EQ(fields(run("/bin/true", {})),
             fields({-1, "", "Could not wait for /bin/true: No child processes"}));
   std::signal(SIGCHLD, savedChild);
-  EXPECT_EQ((HelperCommand::Result{0, " word\n", ""}).combinedOutput(), "word");
-  EXPECT_EQ((HelperCommand::Result{1, "\n out \n", "\t err\n\n"}).combinedOutput(), "out\nerr");
-  EXPECT_EQ((HelperCommand::Result{1, " \n", " \n"}).combinedOutput(), "");
-  EXPECT_EQ((HelperCommand::Result{1, "", "a\n\nb\n"}).combinedOutput(), "a\n\nb");
+  EXPECT_EQ((Result{0, " word\n", ""}).combinedOutput(), "word");
+  EXPECT_EQ((Result{1, "\n out \n", "\t err\n\n"}).combinedOutput(), "out\nerr");
+  EXPECT_EQ((Result{1, " \n", " \n"}).combinedOutput(), "");
+  EXPECT_EQ((Result{1, "", "a\n\nb\n"}).combinedOutput(), "a\n\nb");
 }
 
 // While other runs hold their pipes (each says it is ready on one FIFO, then waits for a line on
@@ -566,13 +546,12 @@ TEST(HelperCommandRun, ConcurrentRunsKeepTheirOutputAndLeakNoDescriptor) {
   ASSERT_EQ(::mkfifo(ready.c_str(), 0600) | ::mkfifo(gate.c_str(), 0600), 0);
   int readyFd = ::open(ready.c_str(), O_RDWR | O_CLOEXEC);
   int gateFd = ::open(gate.c_str(), O_RDWR | O_CLOEXEC);
-  std::vector<HelperCommand::Result> others(4);
+  std::vector<Result> others(4);
   std::vector<std::thread> threads;
   for (std::size_t i = 0; i < others.size(); ++i) {
     threads.emplace_back([&, i] {
-      others[i] = HelperCommand::run(
-          "/bin/sh",
-          {"-c", "printf x > \"$0\"; read l < \"$1\"; echo $2", ready, gate, std::to_string(i)});
+      others[i] = run("/bin/sh", {"-c", "printf x > \"$0\"; read l < \"$1\"; echo $2", ready, gate,
+                                  std::to_string(i)});
     });
   }
   for (ssize_t got = 0, n = 0; got < ssize_t(others.size()); got += n) {
@@ -580,7 +559,7 @@ TEST(HelperCommandRun, ConcurrentRunsKeepTheirOutputAndLeakNoDescriptor) {
     ASSERT_GT(n = ::read(readyFd, bytes, sizeof bytes), 0);
   }
   // The shell lists the descriptors it inherited.
-  HelperCommand::Result result = HelperCommand::run("/bin/sh", {"-c", "ls /proc/$$/fd"});
+  Result result = run("/bin/sh", {"-c", "ls /proc/$$/fd"});
   ASSERT_TRUE(writeAll(gateFd, std::string(others.size(), '\n')));
   for (auto& thread : threads) thread.join();
   ::close(readyFd);
