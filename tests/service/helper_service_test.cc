@@ -140,6 +140,7 @@ class ServiceConcurrentTest : public ::testing::Test {
     std::filesystem::create_directories(tree.path("Tarnly.app/Contents/MacOS"));
     std::filesystem::create_hard_link(app, tree.path("Tarnly.app/Contents/MacOS/Tarnly"));
     peerCheck = std::make_unique<HelperPeerCheck>(helper, users);
+    service.operations.noteActivity = nullptr;  // the protocol runs without it too
     service.operations.firewallReport = [this] {
       return ++reportStarted, eventually([this] { return released.load(); }), "report"s;
     };
@@ -151,8 +152,14 @@ class ServiceConcurrentTest : public ::testing::Test {
         [this](std::string_view request, std::uint32_t caller) {
           return HelperProtocol::handle(request, caller, service);
         },
-        HelperTransport::Events{[this] { ++connections; }, [this] { --connections; }}, log);
-    server = std::thread([this] { transport->serve(); });
+        HelperTransport::Events{[this] { listener->connectionAccepted(); },
+                                [this] { listener->connectionEnded(); }},
+        log);
+    // Only the timer stays off: nothing here may reach the real exit.
+    HelperListener::Seams seams;
+    seams.startTimer = [](std::function<void()>) {};
+    listener = HelperListener::create(env, seams);
+    server = std::thread([this] { listener->listen([this] { transport->serve(); }); });
   }
   // A client socket connected to the helper; -1 when connecting failed.
   int connect() const {
@@ -175,10 +182,10 @@ class ServiceConcurrentTest : public ::testing::Test {
   std::mutex callsLock;
   std::vector<std::string> calls;  // guarded by callsLock
   std::string failure;             // when set, every operation throws it
-  std::atomic<int> activity{0}, sleeps{0}, timerStarts{0}, exits{0}, connections{0},
-      reportStarted{0};
+  std::atomic<int> activity{0}, sleeps{0}, timerStarts{0}, exits{0}, reportStarted{0};
   std::atomic<std::chrono::steady_clock::duration::rep> ticks{0};
   std::atomic<bool> released{false};
+  std::shared_ptr<HelperListener> listener;
   std::unique_ptr<HelperPeerCheck> peerCheck;
   std::unique_ptr<HelperTransport> transport;
   std::thread server;
@@ -230,17 +237,21 @@ TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOr
   ASSERT_TRUE(eventually([&] { return exits == 2; }));
   released = true;
   ASSERT_TRUE(eventually([&] { return finished && listener->workInFlight() == 0; }));
+  listener->shutdownForUpgrade();  // with no work in flight: only the 0.3 s delay
+  ASSERT_TRUE(eventually([&] { return exits == 3; }));
+  EXPECT_EQ(sleeps, 102);
   listener->connectionAccepted();  // the check runs with connections open
   listener->idleTick();
-  EXPECT_EQ(exits, 3);
-  EXPECT_THAT(logLines(),
-              ElementsAre("Helper " + std::string(TARNLY_VERSION) +
-                              " listening on com.orbelle.tarnly.adminhelper.",
-                          "Idle; exiting. launchd will relaunch on the next request.",
-                          "Shutdown requested for upgrade; exiting so launchd re-execs the new "
-                          "binary.",
-                          "This helper's executable was replaced by an update; exiting so launchd "
-                          "starts the new one."));
+  EXPECT_EQ(exits, 4);
+  const std::string shutdown =
+      "Shutdown requested for upgrade; exiting so launchd re-execs the new binary.";
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(
+          "Helper " + std::string(TARNLY_VERSION) + " listening on com.orbelle.tarnly.adminhelper.",
+          "Idle; exiting. launchd will relaunch on the next request.", shutdown, shutdown,
+          "This helper's executable was replaced by an update; exiting so launchd "
+          "starts the new one."));
 }
 
 // One client stays throughout: it is served in order while another leaves in mid-request and
@@ -259,7 +270,7 @@ TEST_F(ServiceConcurrentTest, ServesInOrderWhileLeavingClientsAndBadInputEndOnly
   EXPECT_EQ(nextReply(staying), R"({"reply":[null]})");
   EXPECT_THAT(takeCalls(), ElementsAre("remove " + std::to_string(::geteuid()) + " false"));
   released = true;
-  ASSERT_TRUE(eventually([&] { return connections == 1; }));
+  ASSERT_TRUE(eventually([&] { return listener->activeConnections() == 1; }));
 
   const std::pair<std::string, std::string> cases[] = {
       // bytes sent, fault (none: dropped)
@@ -294,10 +305,13 @@ TEST_F(ServiceConcurrentTest, ServesInOrderWhileLeavingClientsAndBadInputEndOnly
     ASSERT_TRUE(WireFrame::write(staying, request("helperVersionWithReply:")));
     EXPECT_EQ(nextReply(staying), R"({"reply":["9.9"]})");
   }
+  EXPECT_FALSE(WireFrame::write(staying, std::string(WireFrame::kMaxFrame + 1, 'x')));
+  ASSERT_TRUE(WireFrame::write(staying, request("helperVersionWithReply:")));
+  EXPECT_EQ(nextReply(staying), R"({"reply":["9.9"]})") << "nothing of the larger frame went out";
   EXPECT_TRUE(takeCalls().empty());
-  ASSERT_TRUE(eventually([&] { return connections == 1; }));
+  ASSERT_TRUE(eventually([&] { return listener->activeConnections() == 1; }));
   ::close(staying);
-  ASSERT_TRUE(eventually([&] { return connections == 0; }));
+  ASSERT_TRUE(eventually([&] { return listener->activeConnections() == 0; }));
 }
 
 // A client that runs another program is disconnected with nothing run. The socket file is
@@ -309,7 +323,7 @@ TEST_F(ServiceConcurrentTest, AnotherProgramIsDisconnectedAndOnlyAStaleSocketIsR
   EXPECT_EQ(nextReply(fd), "<closed>");
   ::close(fd);
   EXPECT_EQ(reportStarted, 0);
-  EXPECT_TRUE(logLines().empty());
+  EXPECT_THAT(logLines(), ElementsAre(testing::StartsWith("Helper ")));
   std::string path = tree.path("helper.sock"), file = tree.write("plain", "keep me"), error;
   EXPECT_EQ(modeOf(path), 0666);
   EXPECT_EQ(bindServiceSocket(path, error), -1);
@@ -474,6 +488,7 @@ TEST(HelperUninstallTest, ExplanationListsReasonsInOrderAndOtherNamesSorted) {
       "the list of VLANs Tarnly created, which lets a later install remove them";
   const std::pair<std::vector<std::string>, std::optional<std::string>> cases[] = {
       {{}, std::nullopt},
+      {{"firewall-loaded.json", "firewall.pf.conf", "firewall-policies.json"}, firewall},
       {{"backup.old", "vlans.json"}, vlans + " and backup.old"},
       {{"zeta", "vlans.json", "firewall.pf.conf", "\xc3\xa9t\xc3\xa9", "Alpha", "beta"},
        firewall + ", " + vlans + ", and Alpha, beta, zeta, and \xc3\xa9t\xc3\xa9"},
