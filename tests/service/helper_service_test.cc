@@ -193,6 +193,7 @@ class ServiceConcurrentTest : public ::testing::Test {
 
 TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOrTheFirewallLock) {
   std::string launchFile = tree.write("Tarnly.app/Contents/Helpers/TarnlyAdminHelper", "1");
+  std::string update = tree.write("new-helper", "3");  // made now: it cannot reuse the inode
   auto listener = start(launchFile);
   EXPECT_EQ(timerStarts, 1);
   listener->connectionEnded();  // an end without a start stays at 0
@@ -205,6 +206,7 @@ TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOr
     listener->idleTick();
     listener->connectionEnded();
     EXPECT_EQ(listener->activeConnections(), open);
+    if (open == 1) ::unlink(launchFile.c_str());  // a missing file does not exit either
   }
   EXPECT_EQ(listener->lastActivity(), now());
   advance(300s);
@@ -221,7 +223,7 @@ TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOr
   // firewall lock in another process.
   std::atomic<bool> finished{false};
   listener->runDeferred([&] { eventually([&] { return released.load(); }), finished = true; });
-  ASSERT_EQ(::rename(tree.write("new-helper", "3").c_str(), launchFile.c_str()), 0);
+  ASSERT_EQ(::rename(update.c_str(), launchFile.c_str()), 0);
   advance(1h);
   listener->idleTick();
   createDirectories(paths.stateDirectory);
