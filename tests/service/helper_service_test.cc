@@ -267,7 +267,7 @@ TEST_F(ServiceConcurrentTest, ServesInOrderWhileLeavingClientsAndBadInputEndOnly
   // Two requests in one write are answered one after the other, with the connection's uid.
   std::string both = WireFrame::encode(request("helperVersionWithReply:")) +
                      WireFrame::encode(request("removeFirewallWithReply:"));
-  ASSERT_EQ(::send(staying, both.data(), both.size(), 0), ssize_t(both.size()));
+  ASSERT_EQ(::send(staying, both.data(), both.size(), MSG_NOSIGNAL), ssize_t(both.size()));
   EXPECT_EQ(nextReply(staying), R"({"reply":["9.9"]})");
   EXPECT_EQ(nextReply(staying), R"({"reply":[null]})");
   EXPECT_THAT(takeCalls(), ElementsAre("remove " + std::to_string(::geteuid()) + " false"));
@@ -299,7 +299,7 @@ TEST_F(ServiceConcurrentTest, ServesInOrderWhileLeavingClientsAndBadInputEndOnly
   for (const auto& [bytes, fault] : cases) {
     SCOPED_TRACE(fault);
     int fd = connect();
-    ASSERT_EQ(::send(fd, bytes.data(), bytes.size(), 0), ssize_t(bytes.size()));
+    ASSERT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
     ::shutdown(fd, SHUT_WR);
     EXPECT_EQ(nextReply(fd), fault.empty() ? "<closed>" : json({{"fault", fault}}).dump());
     EXPECT_EQ(nextReply(fd), "<closed>");
