@@ -480,6 +480,10 @@ TEST(HelperAuthorizationTest, AdministratorsAreRootWithoutALookupAndMembersOfGro
   for (auto [uid, admin] :
        {std::pair{501u, true}, {502u, true}, {503u, false}, {504u, false}, {4242u, false}})
     EXPECT_EQ(HelperAuthorization::isAdministrator(uid, users), admin) << uid;
+  uid_t unknown = 4242000;  // the default directory is the real one
+  while (systemUserDirectory().user(unknown)) ++unknown;
+  EXPECT_FALSE(HelperAuthorization::isAdministrator(unknown));
+  EXPECT_EQ(systemUserDirectory().user(0).value().name, "root");
 }
 
 // What the uninstall clean-up left: reasons in order, each once, other names sorted by code point
