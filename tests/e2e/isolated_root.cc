@@ -12,8 +12,7 @@ namespace {
 // Builds the root and runs the inner script in it; its own status is the inner script's.
 constexpr const char* kOuterScript = R"sh(set -eu
 inner=$1 pfctl=$2 helper=$3 client=$4 driver=$5
-top=$(mktemp -d /tmp/tarnly-root-XXXXXX)
-mount -t tmpfs tmpfs "$top"
+top=$(mktemp -d /tmp/tarnly-root-XXXXXX) && mount -t tmpfs tmpfs "$top"
 mkdir -p "$top/upper" "$top/work" "$top/root"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
 for fs in proc dev sys; do mount --bind "/$fs" "$top/root/$fs"; done
@@ -36,22 +35,17 @@ printf '#!/bin/sh\necho "$*" >> /var/lib/fakes/pgrep.calls\nexit 1\n' > "$root/u
 chmod 0755 "$root/sbin/ifconfig" "$root/usr/bin/pgrep"
 # Two administrators; group 80 is the administrators' group.
 echo 'admin:x:80:bob' >> "$root/etc/group"
-echo 'alice:x:501:80:Alice:/nonexistent:/usr/sbin/nologin' >> "$root/etc/passwd"
-echo 'bob:x:502:502:Bob:/nonexistent:/usr/sbin/nologin' >> "$root/etc/passwd"
+printf 'alice:x:501:80::/:/bin/false\nbob:x:502:502::/:/bin/false\n' >> "$root/etc/passwd"
 cp "$inner" "$root/inner.sh"
-set +e
-chroot "$root" /bin/sh /inner.sh; status=$?
+chroot "$root" /bin/sh /inner.sh && status=0 || status=$?
 umount -l "$root" "$top" 2>/dev/null; rmdir "$top"
 exit $status
 )sh";
 
 // The definitions every scenario can use (see the header).
 constexpr const char* kPrelude = R"sh(set -u
-HELPER=/Applications/Tarnly.app/Contents/Helpers/TarnlyAdminHelper
-CTL=/Applications/Tarnly.app/Contents/MacOS/Tarnly
-DRIVER=/Applications/Tarnly.app/Contents/Helpers/TarnlyService
-LOG=/var/log/tarnly-adminhelper.log
-HELPER_PID=
+C=/Applications/Tarnly.app/Contents LOG=/var/log/tarnly-adminhelper.log HELPER_PID=
+HELPER=$C/Helpers/TarnlyAdminHelper CTL=$C/MacOS/Tarnly DRIVER=$C/Helpers/TarnlyService
 trap '[ -n "$HELPER_PID" ] && kill -9 $HELPER_PID 2>/dev/null' EXIT
 started_count() { cat $LOG 2>/dev/null | grep -c 'listening on com.orbelle.tarnly.adminhelper\.$'; }
 start_helper() {  # waits at most 10 s for its new listening line
@@ -64,11 +58,9 @@ start_helper() {  # waits at most 10 s for its new listening line
 ctl() { $CTL "$@" 2>&1 || echo "exit=$?"; }
 ctl_as() { u=$1 g=$2; shift 2; setpriv --reuid=$u --regid=$g --init-groups $CTL "$@" 2>&1 || echo "exit=$?"; }
 log_lines() { cut -d' ' -f2- $LOG; }
-fake_calls() { cat /var/lib/fakes/$1.calls 2>/dev/null; }
 )sh";
 
 constexpr const char* kStateFolder = "/Library/Application Support/Tarnly";
-
 }  // namespace
 
 HelperCommand::Result run(const std::string& script, const std::string& pfctl,
@@ -81,15 +73,6 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl,
                   tree.write("inner.sh", std::string(kPrelude) + script, 0755), pfctl,
                   TARNLY_HELPER_PATH, TARNLY_HELPERCTL_PATH, TARNLY_E2E_DRIVER_PATH});
   return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
-}
-
-std::string section(const std::string& out, const std::string& name) {
-  std::string marker = "-- " + name + "\n";
-  size_t start = out.find(marker);
-  if (start == std::string::npos) return "<no section " + name + ">";
-  start += marker.size();
-  size_t end = out.find("\n-- ", start - 1);
-  return out.substr(start, end == std::string::npos ? std::string::npos : end + 1 - start);
 }
 
 }  // namespace IsolatedRoot
@@ -113,6 +96,8 @@ std::string IsolatedRootTest::run(const std::string& script) {
 void IsolatedRootTest::expectSections(
     const std::string& out, const std::vector<std::pair<std::string, std::string>>& rows) {
   for (const auto& [name, text] : rows) {
-    EXPECT_EQ(IsolatedRoot::section(out, name), text) << "section " << name << " of\n" << out;
+    size_t start = out.find("-- " + name + "\n"), end = out.find("\n-- ", start + 1);
+    std::string found = start == std::string::npos ? "<none>" : out.substr(start, end + 1 - start);
+    EXPECT_EQ(found, "-- " + name + "\n" + text) << out;
   }
 }

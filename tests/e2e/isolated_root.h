@@ -15,16 +15,14 @@
 namespace IsolatedRoot {
 
 // Runs `script` (under `launcher`, e.g. tests/uml-run.sh ... --, when given) with /sbin/pfctl
-// `pfctl` and these: $HELPER $CTL $DRIVER $LOG; start_helper (in service mode, $HELPER_PID, once
-// its listening line is logged); ctl ARGS and ctl_as UID GID ARGS (the client's output, and
-// "exit=N" unless 0); log_lines (without time stamps); fake_calls ifconfig|pgrep (the argument
-// lines of the fakes' runs; `ifconfig -a` prints /var/lib/fakes/ifconfig-a.txt). alice (501, group
-// 80) and bob (502, in group 80) are administrators; nobody (65534) is not.
+// `pfctl` and these: $C (the bundle's Contents) $HELPER $CTL $DRIVER $LOG; start_helper (in service
+// mode, $HELPER_PID, once its listening line is logged); ctl ARGS and ctl_as UID GID ARGS (the
+// client's output, and "exit=N" unless 0); log_lines (without time stamps). Fake ifconfig and
+// pgrep log their arguments to /var/lib/fakes/NAME.calls; `ifconfig -a` prints
+// /var/lib/fakes/ifconfig-a.txt. alice (501, group 80) and bob (502, in group 80) are
+// administrators; nobody (65534) is not.
 HelperCommand::Result run(const std::string& script, const std::string& pfctl = TARNLY_PFSIM_PATH,
                           const std::vector<std::string>& launcher = {});
-
-// The text after the line "-- NAME" up to the next such line, or "<no section NAME>".
-std::string section(const std::string& out, const std::string& name);
 
 }  // namespace IsolatedRoot
 
@@ -35,6 +33,7 @@ class IsolatedRootTest : public ::testing::Test {
   // What `script` printed with the pf simulator; a failure unless it ended with status 0 or if
   // the host's state folder changed.
   static std::string run(const std::string& script);
+  // Expects each {NAME, text} of `out`: the text after the line "-- NAME" up to the next such.
   static void expectSections(const std::string& out,
                              const std::vector<std::pair<std::string, std::string>>& rows);
 };

@@ -1,32 +1,25 @@
-// The unmodified helper in isolated roots: its command-line modes, then its service reached only
-// through its socket by the bundle's client and by the driver's many clients at once.
+// The unmodified helper in isolated roots: its command-line modes and its service's methods.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "e2e/isolated_root.h"
 #include "support/user_mode_linux.h"
 
 namespace {
 
-using IsolatedRoot::section;
-
 const std::string kVersion = std::string("[\"") + TARNLY_VERSION + "\"]\n";
 const std::string kRefusal =
     "Only an administrator of this Mac can make this change through Tarnly's helper.";
-const std::string kStarted =
-    std::string("Helper ") + TARNLY_VERSION + " listening on com.orbelle.tarnly.adminhelper.\n";
 
 // Shell lines: `net UID N` makes bridge<N+36> holding 192.168.N.1/24 and /tmp/policy-UID.json with
 // one network NetUID on 192.168.N.0/24; `anchor N...` tells whether it is in the firewall's anchor.
 const std::string kNetworks = R"sh(S='/Library/Application Support/Tarnly'; mkdir -p "$S"
 net() { ip link add bridge$(($2 + 36)) type bridge && ip addr add 192.168.$2.1/24 dev bridge$(($2 + 36))
-  printf '[{"networkID": "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A%s", "name": "Net%s", "subnetCIDR":
-  "192.168.%s.0/24", "gatewayIPv4": "192.168.%s.1", "dnsProxyEnabled": true, "policy": {"enabled":
-  true, "defaultInbound": "deny", "defaultOutbound": "allow", "rules": [{"id":
-  "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E9", "enabled": true, "direction": "inbound", "action":
-  "allow", "proto": "tcp", "remoteCIDR": "any", "ports": "22"}]}}]' $2 $1 $2 $2 > /tmp/policy-$1.json
+  printf '[{"networkID":"6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A%s","name":"Net%s","subnetCIDR":"192.168.%s.0/24",
+  "gatewayIPv4":"192.168.%s.1","dnsProxyEnabled":true,"policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":
+  "allow","rules":[{"id":"0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E9","enabled":true,"direction":"inbound","action":"allow",
+  "proto":"tcp","remoteCIDR":"any","ports":"22"}]}}]' $2 $1 $2 $2 > /tmp/policy-$1.json
 }
 anchor() { for n; do pfctl -a com.apple/900.tarnly.firewall -sr | grep -q 192.168.$n.0/24 &&
   echo "$n enforced" || echo "$n not enforced"; done; }
@@ -46,8 +39,7 @@ printf '{"owners": {"501": {"appliedAt": 815000000.5, "policies": %s}}}' \
 echo '-- reapply'; $HELPER --reapply && $HELPER --reapply && log_lines
 (cd "$S" && stat -c '%a %n' firewall.pf.conf firewall-loaded.json)
 pfctl -a com.apple/900.tarnly.firewall -sr | grep 'port = 22'
-$HELPER --status | grep --no-group-separator -A1 -x '== \(pf status\|subnet owners\) ==' |
-  sed 's/ for .*//'
+$HELPER --status | grep -A1 -x '== \(pf status\|subnet owners\) ==' | sed '/^--$/d; s/ for .*//'
 start_helper
 # A copy of the client outside the helper's bundle is disconnected before any method runs.
 install -D -m 0755 $CTL /opt/Other.app/Contents/MacOS/Tarnly
@@ -57,7 +49,7 @@ echo '-- shutdown'; ctl_as 65534 65534 shutdownForUpgradeWithReply:; ctl helperV
 ctl shutdownForUpgradeWithReply:; (sleep 20; kill -9 $HELPER_PID) >/dev/null 2>&1 & watchdog=$!
 wait $HELPER_PID; echo "helper exit=$?"; HELPER_PID=; kill $watchdog
 start_helper; log_lines | tail -n +4 | grep -v listening
-C=/Applications/Tarnly.app/Contents; install -d -m 0755 $C/Resources/completions
+install -d -m 0755 $C/Resources/completions
 touch $C/Helpers/tarnly-cli $C/Resources/completions/_tarnly $C/Resources/completions/tarnly.fish; chmod 0755 $C/Helpers/tarnly-cli
 links() { for f in bin/tarnly bin/tqz share/zsh/site-functions/_tarnly share/fish/vendor_completions.d/tarnly.fish \
   share/fish/vendor_completions.d/tqz.fish; do printf '%s;' "$(readlink /usr/local/$f | sed "s|$C/||")"; done; echo; }
@@ -66,11 +58,10 @@ ctl_as 65534 65534 setTarnlyResolverWithEnabled:withReply: false; log_lines | gr
 stat -c '%a %n' /etc/resolver/*; grep -h port /etc/resolver/*
 ctl setTarnlyResolverWithEnabled:withReply: false; ctl removeCLISymlinkWithReply:
 ls /etc/resolver; links
-# vmenet0 is a member of bridge100; vmenet1 is in no bridge.
 printf 'bridge100: flags=8a63<UP> mtu 1500\n\tmember: vmenet0 flags=3<LEARNING>\nvmenet0: flags=8963<UP> mtu 1500\nvmenet1: flags=8963<UP> mtu 1500\n' \
-  > /var/lib/fakes/ifconfig-a.txt
+  > /var/lib/fakes/ifconfig-a.txt  # vmenet0 is a member of bridge100; vmenet1 is in no bridge
 echo '-- prune'; ctl pruneStaleVMInterfacesWithReply:; ctl pruneStaleVMInterfacesWithReply:
-fake_calls pgrep; fake_calls ifconfig
+cat /var/lib/fakes/pgrep.calls /var/lib/fakes/ifconfig.calls
 echo '-- uninstall'; ctl removeFilesForUninstallWithReply:; ls "$S"; ls $LOG 2>/dev/null || echo 'no log'
 )sh");
   const std::string reapplied =
@@ -136,42 +127,41 @@ echo '-- log'; log_lines | grep -v '^Applied firewall'
 echo '-- together'; for i in $(seq 40); do case $((i % 4)) in 0) apply 501 80 ;; 1) apply 502 502 ;;
   2) ctl helperVersionWithReply: ;; 3) ctl createdVLANsWithReply: ;; esac > /tmp/client.$i &
   pids="${pids:-} $!"; done; wait $pids; cat /tmp/client.* | LC_ALL=C sort | uniq -c | sed 's/^ *//'
-echo '-- driver'; $DRIVER 1000 200 )sh" +
-                        kPeakKb + R"sh( && kill -0 $HELPER_PID && echo 'helper alive'
+echo '-- driver'; $DRIVER 1000 200 && kill -0 $HELPER_PID && echo 'helper alive'
 log_lines | grep -c '^Refused a connection'
+awk '/VmHWM/ { print $2 < )sh" +
+                        kPeakKb + R"sh( ? "peak bounded" : $0 }' /proc/$HELPER_PID/status
 )sh");
   const std::string failure =
       "Could not write /Library/Application Support/Tarnly/firewall.pf.conf: No space left on "
       "device.";
-  const std::string alice =
-      "[\"Enforcing 1 network: Net501 - 1 more for other users of this Mac\",null]\n";
+  auto more = [](const std::string& net) {
+    return "[\"Enforcing 1 network: " + net + " - 1 more for other users of this Mac\",null]\n";
+  };
   expectSections(
-      out, {{"apply",
-             "[\"Enforcing 1 network: Net501\",null]\n[\"Enforcing 1 network: Net502 - 1 "
-             "more for other users of this Mac\",null]\n[null,\"" +
-                 kRefusal + "\"]\n" + kVersion +
-                 "Status: Enabled\n== subnet owners ==\\n192.168.65.0/24 501\\n"
-                 "192.168.66.0/24 502\",null]\n"},
+      out, {{"apply", "[\"Enforcing 1 network: Net501\",null]\n" + more("Net502") + "[null,\"" +
+                          kRefusal + "\"]\n" + kVersion +
+                          "Status: Enabled\n== subnet owners ==\\n192.168.65.0/24 501\\n"
+                          "192.168.66.0/24 502\",null]\n"},
             {"remove",
              "[null]\n65 not enforced\n66 enforced\nStatus: Enabled\n== subnet owners "
              "==\\n192.168.66.0/24 502\",null]\n"},
             // A failed write keeps the previous store and firewall and leaves no temporary file.
-            {"full",
-             "[null,\"" + failure + "\"]\nsame store\n0\n65 not enforced\n66 enforced\n" + alice},
+            {"full", "[null,\"" + failure + "\"]\nsame store\n0\n65 not enforced\n66 enforced\n" +
+                         more("Net501")},
             // One line for the refused change, none for the version.
-            {"log", kStarted +
+            {"log", std::string("Helper ") + TARNLY_VERSION +
+                        " listening on com.orbelle.tarnly.adminhelper.\n"
                         "Refused applyFirewall for uid 65534: not an administrator or the console "
                         "user.\nRemoved uid 501's firewall policies; other users' stay in force.\n"
                         "applyFirewall failed: " +
                         failure + "\n"},
-            {"together", "10 " + kVersion + "10 " + alice +
-                             "10 [\"Enforcing 1 network: Net502 - 1 more for other users of this "
-                             "Mac\",null]\n10 [\"W10=\",null]\n"},
-            // Three connections over the limit are refused; four frames fill the budget and
-            // every other sender is told the helper is busy, within bounded memory.
+            {"together", "10 " + kVersion + "10 " + more("Net501") + "10 " + more("Net502") +
+                             "10 [\"W10=\",null]\n"},
+            // Connections over the limit refused; 4 frames fill the budget, the rest hear busy.
             {"driver",
              "idle: 1000 kept, 3 over the limit refused\nflood: 200 half frames of 16 MiB: 4 held, "
-             "196 refused as busy, 0 other\nhelper alive\n1\n"}});
+             "196 refused as busy, 0 other\nhelper alive\n1\npeak bounded\n"}});
 }
 
 // On this kernel; where it has no 802.1Q VLAN links, once more on user-mode Linux's, which has.
@@ -193,7 +183,7 @@ ctl deleteVLANWithBsdName:withReply: vlan0; ip -o link show type vlan | wc -l
                               "\"]\n[null,\"No physical interface named en9.\"]\n"
                               "[\"No VLAN interface named vlan7.\"]\n1\n";
   std::string out = run(script);
-  if (section(out, "802.1Q") == "no\n") {
+  if (out.find("-- 802.1Q\nno\n") != std::string::npos) {
     // The kernel refuses the link when the change is carried out: nothing is recorded.
     expectSections(out, {{"refused", refused},
                          {"create",
@@ -208,14 +198,12 @@ ctl deleteVLANWithBsdName:withReply: vlan0; ip -o link show type vlan | wc -l
     if (!noUML.empty()) GTEST_SKIP() << noVLANs << noUML;
     ASSERT_EQ(onUML.status, 0) << onUML.stdout << onUML.stderr;
     out = onUML.stdout;
-    ASSERT_EQ(section(out, "802.1Q"), "yes\n") << out;
+    ASSERT_NE(out.find("-- 802.1Q\nyes\n"), std::string::npos) << out;
   }
   expectSections(out, {{"refused", refused},
                        {"create",
                         "[\"vlan0\",null]\n[{\"bsdName\":\"vlan0\",\"tag\":5,\"parentBSD\":"
-                        "\"veth0\",\"name\":\"Lab\"}]\n"
-                        "vlan0@veth0 tag 5\n"
-                        "[null]\n0\n"}});
+                        "\"veth0\",\"name\":\"Lab\"}]\nvlan0@veth0 tag 5\n[null]\n0\n"}});
 }
 
 }  // namespace
