@@ -22,8 +22,7 @@ mount -t tmpfs -o mode=0755 tmpfs "$root/run"
 mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"; rm -rf "$root/var/lib/pfsim"
 # The bundle: root-owned folders no one else can write, all the way up.
 contents=$root/Applications/Tarnly.app/Contents
-install -d -m 0755 "$contents/Helpers" "$contents/MacOS" "$root/sbin" "$root/usr/bin" \
-  "$root/var/lib/fakes"
+install -d -m 0755 "$contents/Helpers" "$contents/MacOS" "$root/var/lib/fakes"
 install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper"
 install -m 0755 "$client" "$contents/MacOS/Tarnly"
 install -m 0755 "$driver" "$contents/Helpers/TarnlyService"
@@ -37,7 +36,7 @@ chmod 0755 "$root/sbin/ifconfig" "$root/usr/bin/pgrep"
 echo 'admin:x:80:bob' >> "$root/etc/group"
 printf 'alice:x:501:80::/:/bin/false\nbob:x:502:502::/:/bin/false\n' >> "$root/etc/passwd"
 cp "$inner" "$root/inner.sh"
-chroot "$root" /bin/sh /inner.sh && status=0 || status=$?
+set +e; chroot "$root" /bin/sh /inner.sh; status=$?
 umount -l "$root" "$top" 2>/dev/null; rmdir "$top"
 exit $status
 )sh";
@@ -96,8 +95,9 @@ std::string IsolatedRootTest::run(const std::string& script) {
 void IsolatedRootTest::expectSections(
     const std::string& out, const std::vector<std::pair<std::string, std::string>>& rows) {
   for (const auto& [name, text] : rows) {
-    size_t start = out.find("-- " + name + "\n"), end = out.find("\n-- ", start + 1);
-    std::string found = start == std::string::npos ? "<none>" : out.substr(start, end + 1 - start);
-    EXPECT_EQ(found, "-- " + name + "\n" + text) << out;
+    std::string marker = "-- " + name + "\n", all = out + "-- ";
+    size_t start = all.find(marker), end = all.find("\n-- ", start + 1);
+    std::string found = start == std::string::npos ? "<none>" : all.substr(start, end + 1 - start);
+    EXPECT_EQ(found, marker + text) << out;
   }
 }

@@ -30,8 +30,8 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl = 
 class IsolatedRootTest : public ::testing::Test {
  protected:
   void SetUp() override;
-  // What `script` printed with the pf simulator; a failure unless it ended with status 0 or if
-  // the host's state folder changed.
+  // What `script` printed with the pf simulator; a failure when its status is not 0 or when the
+  // host's state folder changed.
   static std::string run(const std::string& script);
   // Expects each {NAME, text} of `out`: the text after the line "-- NAME" up to the next such.
   static void expectSections(const std::string& out,

@@ -59,8 +59,8 @@ std::string halfFrame(std::uint32_t size) {
 }
 
 void idle(int count) {
-  std::vector<int> fds;
-  for (int i = 0; i < count; ++i) fds.push_back(connectToHelper());
+  std::vector<int> fds(count);
+  for (int& fd : fds) fd = connectToHelper();
   // Five stall in the middle of a frame: four small ones, and a large one holding its budget.
   for (int i = 0; i < 5; ++i) {
     std::string half = halfFrame(i < 4 ? 200 : WireFrame::kMaxFrame);
@@ -84,9 +84,9 @@ bool flood(int count) {
   std::atomic<int> held{0}, busy{0}, other{0};
   std::latch sent(count);
   const std::string frame = halfFrame(WireFrame::kMaxFrame);
-  std::vector<std::jthread> senders;
-  for (int i = 0; i < count; ++i) {
-    senders.emplace_back([&, fd = connectToHelper()] {
+  std::vector<std::jthread> senders(count);
+  for (std::jthread& sender : senders) {
+    sender = std::jthread([&, fd = connectToHelper()] {
       // Blocks until the helper has read it all, or has answered and closed.
       ssize_t n = 1;
       for (std::size_t done = 0; done < frame.size() && n > 0; done += n > 0 ? std::size_t(n) : 0) {
