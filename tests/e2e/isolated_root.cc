@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "platform/files.h"
 #include "support/temp_tree.h"
 
 namespace IsolatedRoot {
@@ -11,124 +12,92 @@ namespace {
 // Builds the root and runs the inner script in it; its own status is the inner script's.
 constexpr const char* kOuterScript = R"sh(set -eu
 inner=$1 pfctl=$2 helper=$3 client=$4 driver=$5
-top=$(mktemp -d /tmp/tarnly-root-XXXXXX)
-mount -t tmpfs tmpfs "$top"
+top=$(mktemp -d /tmp/tarnly-root-XXXXXX) && mount -t tmpfs tmpfs "$top"
 mkdir -p "$top/upper" "$top/work" "$top/root"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
 for fs in proc dev sys; do mount --bind "/$fs" "$top/root/$fs"; done
 root=$top/root
-# Fresh /run and /tmp, as after a boot: nothing the host puts there shows through.
+# Fresh /run, /tmp and simulator state, as after a boot: nothing the host put there shows through.
 mount -t tmpfs -o mode=0755 tmpfs "$root/run"
-mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
+mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"; rm -rf "$root/var/lib/pfsim"
 # The bundle: root-owned folders no one else can write, all the way up.
 contents=$root/Applications/Tarnly.app/Contents
-install -d -m 0755 "$contents/Helpers" "$contents/MacOS"
+install -d -m 0755 "$contents/Helpers" "$contents/MacOS" "$root/var/lib/fakes"
 install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper"
-[ -n "$client" ] && install -m 0755 "$client" "$contents/MacOS/Tarnly"
-[ -n "$driver" ] && install -m 0755 "$driver" "$contents/Helpers/TarnlyService"
-install -d -m 0755 "$root/sbin" "$root/usr/bin" "$root/var/lib/fakes"
+install -m 0755 "$client" "$contents/MacOS/Tarnly"
+install -m 0755 "$driver" "$contents/Helpers/TarnlyService"
 install -m 0755 "$pfctl" "$root/sbin/pfctl"
-# Fakes of the macOS tools: each records its arguments, one run a line.
-cat > "$root/sbin/ifconfig" <<'FAKE'
-#!/bin/sh
-echo "$*" >> /var/lib/fakes/ifconfig.calls
-if [ "$*" = "-a" ]; then cat /var/lib/fakes/ifconfig-a.txt; fi
-FAKE
-cat > "$root/usr/bin/pgrep" <<'FAKE'
-#!/bin/sh
-echo "$*" >> /var/lib/fakes/pgrep.calls
-[ -f /var/lib/fakes/pgrep.txt ] || exit 1
-cat /var/lib/fakes/pgrep.txt
-FAKE
+# Fakes of the macOS tools: each records its arguments, one run a line; pgrep finds nothing.
+printf '#!/bin/sh\necho "$*" >> /var/lib/fakes/ifconfig.calls\n%s\n' \
+  '[ "$*" != -a ] || cat /var/lib/fakes/ifconfig-a.txt' > "$root/sbin/ifconfig"
+printf '#!/bin/sh\necho "$*" >> /var/lib/fakes/pgrep.calls\nexit 1\n' > "$root/usr/bin/pgrep"
 chmod 0755 "$root/sbin/ifconfig" "$root/usr/bin/pgrep"
-printf 'lo0: flags=8049<UP,LOOPBACK,RUNNING,MULTICAST> mtu 16384\n\tinet 127.0.0.1 netmask 0xff000000\n' \
-  > "$root/var/lib/fakes/ifconfig-a.txt"
 # Two administrators; group 80 is the administrators' group.
 echo 'admin:x:80:bob' >> "$root/etc/group"
-echo 'alice:x:501:80:Alice:/nonexistent:/usr/sbin/nologin' >> "$root/etc/passwd"
-echo 'bob:x:502:502:Bob:/nonexistent:/usr/sbin/nologin' >> "$root/etc/passwd"
+printf 'alice:x:501:80::/:/bin/false\nbob:x:502:502::/:/bin/false\n' >> "$root/etc/passwd"
 cp "$inner" "$root/inner.sh"
-set +e
-chroot "$root" /bin/sh /inner.sh
-status=$?
-umount -l "$root" 2>/dev/null
-umount -l "$top" 2>/dev/null
-rmdir "$top"
+set +e; chroot "$root" /bin/sh /inner.sh; status=$?
+umount -l "$root" "$top" 2>/dev/null; rmdir "$top"
 exit $status
 )sh";
 
-// Shell functions every scenario can use (see the header).
+// The definitions every scenario can use (see the header).
 constexpr const char* kPrelude = R"sh(set -u
-HELPER=/Applications/Tarnly.app/Contents/Helpers/TarnlyAdminHelper
-CTL=/Applications/Tarnly.app/Contents/MacOS/Tarnly
-DRIVER=/Applications/Tarnly.app/Contents/Helpers/TarnlyService
-LOG=/var/log/tarnly-adminhelper.log
-HELPER_PID=
+C=/Applications/Tarnly.app/Contents LOG=/var/log/tarnly-adminhelper.log HELPER_PID=
+HELPER=$C/Helpers/TarnlyAdminHelper CTL=$C/MacOS/Tarnly DRIVER=$C/Helpers/TarnlyService
 trap '[ -n "$HELPER_PID" ] && kill -9 $HELPER_PID 2>/dev/null' EXIT
-started_count() {
-  count=$(grep -c 'listening on com.orbelle.tarnly.adminhelper\.$' $LOG 2>/dev/null)
-  echo "${count:-0}"
-}
-start_helper() {
-  before=$(started_count)
-  $HELPER & HELPER_PID=$!
-  tries=0
-  while [ "$(started_count)" -le "$before" ]; do
-    tries=$((tries + 1))
-    if [ $tries -gt 500 ] || ! kill -0 $HELPER_PID 2>/dev/null; then
-      echo "the helper did not start listening" >&2; exit 1
-    fi
-    sleep 0.02
+started_count() { cat $LOG 2>/dev/null | grep -c 'listening on com.orbelle.tarnly.adminhelper\.$'; }
+start_helper() {  # waits at most 10 s for its new listening line
+  before=$(started_count) tries=0; $HELPER & HELPER_PID=$!
+  until [ "$(started_count)" -gt "$before" ]; do
+    tries=$((tries + 1)); [ $tries -le 500 ] && kill -0 $HELPER_PID 2>/dev/null ||
+      { echo "the helper did not start listening" >&2; exit 1; }; sleep 0.02
   done
 }
-ctl() { $CTL "$@" 2>&1; echo "exit=$?"; }
-as_user() { u=$1 g=$2; shift 2; setpriv --reuid=$u --regid=$g --init-groups "$@"; }
-ctl_as() { u=$1 g=$2; shift 2; as_user $u $g $CTL "$@" 2>&1; echo "exit=$?"; }
+ctl() { $CTL "$@" 2>&1 || echo "exit=$?"; }
+ctl_as() { u=$1 g=$2; shift 2; setpriv --reuid=$u --regid=$g --init-groups $CTL "$@" 2>&1 || echo "exit=$?"; }
 log_lines() { cut -d' ' -f2- $LOG; }
-fake_calls() { cat /var/lib/fakes/$1.calls 2>/dev/null; }
 )sh";
 
+constexpr const char* kStateFolder = "/Library/Application Support/Tarnly";
 }  // namespace
-
-std::string unavailableReason() {
-  if (::geteuid() != 0) return "end-to-end runs need root";
-  HelperCommand::Result probe = HelperCommand::run(
-      "/usr/bin/unshare", {"--mount", "--net", "--propagation", "private", "/bin/true"});
-  if (probe.status != 0) return "no mount and network namespaces here: " + probe.combinedOutput();
-  return {};
-}
 
 HelperCommand::Result run(const std::string& script, const std::string& pfctl,
                           const std::vector<std::string>& launcher) {
   TempTree tree;
-  std::string outer = tree.write("outer.sh", kOuterScript, 0755);
-  std::string inner = tree.write("inner.sh", std::string(kPrelude) + script, 0755);
-#ifdef TARNLY_HELPERCTL_PATH
-  const char* client = TARNLY_HELPERCTL_PATH;
-#else
-  const char* client = "";
-#endif
-#ifdef TARNLY_E2E_DRIVER_PATH
-  const char* driver = TARNLY_E2E_DRIVER_PATH;
-#else
-  const char* driver = "";
-#endif
   std::vector<std::string> command = launcher;
   command.insert(command.end(),
                  {"/usr/bin/unshare", "--mount", "--net", "--propagation", "private", "/bin/sh",
-                  outer, inner, pfctl, TARNLY_HELPER_PATH, client, driver});
+                  tree.write("outer.sh", kOuterScript, 0755),
+                  tree.write("inner.sh", std::string(kPrelude) + script, 0755), pfctl,
+                  TARNLY_HELPER_PATH, TARNLY_HELPERCTL_PATH, TARNLY_E2E_DRIVER_PATH});
   return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
 }
 
 }  // namespace IsolatedRoot
 
 void IsolatedRootTest::SetUp() {
-  std::string reason = IsolatedRoot::unavailableReason();
-  if (!reason.empty()) GTEST_SKIP() << reason;
+  if (::geteuid() != 0) GTEST_SKIP() << "end-to-end runs need root";
+  HelperCommand::Result probe = HelperCommand::run(
+      "/usr/bin/unshare", {"--mount", "--net", "--propagation", "private", "/bin/true"});
+  if (probe.status != 0) GTEST_SKIP() << "no mount and network namespaces: " << probe.stderr;
 }
 
 std::string IsolatedRootTest::run(const std::string& script) {
+  bool hostHadState = pathExists(IsolatedRoot::kStateFolder);
   HelperCommand::Result result = IsolatedRoot::run(script);
   EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
+  // Whatever the helper wrote stayed inside the isolated root.
+  EXPECT_EQ(pathExists(IsolatedRoot::kStateFolder), hostHadState);
   return result.stdout;
+}
+
+void IsolatedRootTest::expectSections(
+    const std::string& out, const std::vector<std::pair<std::string, std::string>>& rows) {
+  for (const auto& [name, text] : rows) {
+    std::string marker = "-- " + name + "\n", all = out + "-- ";
+    size_t start = all.find(marker), end = all.find("\n-- ", start + 1);
+    std::string found = start == std::string::npos ? "<none>" : all.substr(start, end + 1 - start);
+    EXPECT_EQ(found, marker + text) << out;
+  }
 }

@@ -1,18 +1,16 @@
-// tarnly-pfctl at /sbin/pfctl of an isolated root, driven by the unmodified helper in service mode
-// through the bundle's client, shown with real TCP, UDP and ICMP. The root's network namespace is
-// the host: bridge100 holds 192.168.64.1/24 and fd00:64::1; a "vm" namespace sits on it at
-// 192.168.64.2 and fd00:64::2, and a "lan" namespace is routed through the host at 10.77.0.2.
+// tarnly-pfctl at /sbin/pfctl of an isolated root, driven by the helper through the bundle's
+// client, shown with real traffic. The root is the host: bridge100 holds 192.168.64.1/24 and
+// fd00:64::1, a "vm" namespace on it is 192.168.64.2 and fd00:64::2, a "lan" one routed through
+// is 10.77.0.2.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <sstream>
+#include <string>
 
 #include "e2e/isolated_root.h"
 
 namespace {
 
-// Echo servers, one-shot probes ("open" when the echo came back within 1.5 s) and one held
-// connection answering a line per line read.
+// Echo servers, one-shot probes ("open" when the echo comes back within 1.5 s), held connections.
 constexpr const char* kProbe = R"(import socket, sys, threading
 def echo(c):
     while (data := c.recv(256)): c.sendall(data)
@@ -38,175 +36,98 @@ except OSError:
     print("blocked" if mode != "hold" else "cut", flush=True)
 )";
 
-// The lab and its shell functions; every wait is bounded by `read -t`, the probe's timeout or the
-// client's reply. `apply FILE` and `remove` are alice's requests to the helper; /sbin/pfctl
-// records each of its runs in $L/pfctl.log before it runs tarnly-pfctl.
+// The lab and the scenario; every wait is bounded by `read -t`, the probe's timeout or the client's
+// reply. `apply` and `remove` are alice's requests; /sbin/pfctl logs its runs to $L/pfctl.log.
 constexpr const char* kLab = R"sh(
 [ -n "${BASH_VERSION:-}" ] || exec /bin/bash "$0"
-fail() { echo "lab: $*"; exit 3; }
-trap 'kill $(jobs -p) 2>/dev/null' EXIT
-L=/tmp/lab
+L=/tmp/lab; trap 'kill $(jobs -p) 2>/dev/null' EXIT; fail() { echo "lab: $*"; exit 3; }
 mv /sbin/pfctl /sbin/pfctl.real
-printf '#!/bin/sh\necho "$*" >> /tmp/lab/pfctl.log\nexec /sbin/pfctl.real "$@"\n' > /sbin/pfctl
-chmod 755 /sbin/pfctl
+printf '#!/bin/sh\necho "$*" >> /tmp/lab/pfctl.log\nexec /sbin/pfctl.real "$@"\n' | install /dev/stdin /sbin/pfctl
 ip link add bridge100 type bridge || fail "no bridge"
 ip addr add 192.168.64.1/24 dev bridge100 && ip addr add fd00:64::1/64 dev bridge100 nodad
 ip link set lo up && ip link set bridge100 up && echo 1 > /proc/sys/net/ipv4/ip_forward
 ip netns add vm && ip netns add lan || fail "no named namespaces"
 ip link add vmport type veth peer name eth0 netns vm && ip link set vmport master bridge100 up
-ip link add lanport type veth peer name eth0 netns lan
-ip addr add 10.77.0.1/24 dev lanport && ip link set lanport up
+ip link add lanport type veth peer name eth0 netns lan && ip addr add 10.77.0.1/24 dev lanport
+ip link set lanport up
 for ns in vm lan; do ip -n $ns link set lo up && ip -n $ns link set eth0 up; done
 ip -n vm addr add 192.168.64.2/24 dev eth0 && ip -n vm addr add fd00:64::2/64 dev eth0 nodad
 ip -n vm route add default via 192.168.64.1
 ip -n lan addr add 10.77.0.2/24 dev eth0 && ip -n lan route add default via 10.77.0.1
 serve() {
   mkfifo $L/$1.$2.$3; ip netns exec $1 python3 $L/probe.py serve $2 $3 > $L/$1.$2.$3 2>&1 &
-  exec 9<> $L/$1.$2.$3; read -t 5 line <&9 && [ "$line" = ready ] || fail "no server $*"
-  exec 9<&-
+  exec 9<> $L/$1.$2.$3; read -t 5 line <&9 && [ "$line" = ready ] || fail "no server $*"; exec 9<&-
 }
-probe() {
-  case $3 in
-    icmp*) v=${3#icmp}; ip netns exec $2 ping -${v:-4} -c 1 -W 1 $4 >/dev/null && r=open || r=blocked ;;
-    *) r=$(ip netns exec $2 python3 $L/probe.py $3 $4 $5) ;;
-  esac
-  echo "$1=$r"
-}
-hold() {
-  mkfifo $L/in $L/out; ip netns exec $1 python3 $L/probe.py hold $2 $3 < $L/in > $L/out 2>&1 &
-  exec 7<> $L/in 8<> $L/out
-}
-say() { echo >&7; read -t 5 line <&8 || line=cut; echo "$1=$line"; }
-asks() {  # asks EXPECTED_REPLY ARGS...
-  want=$1; shift; reply=$(ctl_as 501 80 "$@" | tr '\n' ' ')
-  [ "$reply" = "$want exit=0 " ] || fail "$*: $reply"
-}
-apply() { asks '["Enforcing 1 network: Lab",null]' applyFirewallWithPolicyData:withReply: $1; }
-remove() { asks '[null]' removeFirewallWithReply:; }
+probe() {  # probe NAMESPACE tcp|udp|icmp4|icmp6 ADDRESS [PORT]: open or blocked
+  case $2 in icmp*) ip netns exec $1 ping -${2#icmp} -c 1 -W 1 $3 >/dev/null && echo open || echo blocked ;;
+    *) ip netns exec $1 python3 $L/probe.py $2 $3 $4 ;; esac; }
+# Out from the vm: tcp default, tcp rule, udp default, udp rule, icmp, IPv6 to the gateway; in
+# from the lan: tcp rule, tcp default, icmp.
 probes() {
-  probe $1.out.tcp.default vm tcp 10.77.0.2 7000; probe $1.out.tcp.rule vm tcp 10.77.0.2 7001
-  probe $1.out.udp.default vm udp 10.77.0.2 5301; probe $1.out.udp.rule vm udp 10.77.0.2 5300
-  probe $1.out.icmp vm icmp 10.77.0.2; probe $1.vm.ipv6 vm icmp6 fd00:64::1
-  probe $1.in.tcp.rule lan tcp 192.168.64.2 8022; probe $1.in.tcp.default lan tcp 192.168.64.2 8023
-  probe $1.in.icmp lan icmp 192.168.64.2
+  echo "$1: $(probe vm tcp 10.77.0.2 7000) $(probe vm tcp 10.77.0.2 7001)" \
+    "$(probe vm udp 10.77.0.2 5301) $(probe vm udp 10.77.0.2 5300) $(probe vm icmp4 10.77.0.2)" \
+    "$(probe vm icmp6 fd00:64::1) $(probe lan tcp 192.168.64.2 8022)" \
+    "$(probe lan tcp 192.168.64.2 8023) $(probe lan icmp4 192.168.64.2)"
 }
-serve lan tcp 7000; serve lan tcp 7001; serve lan udp 5300; serve lan udp 5301
-serve vm tcp 8022; serve vm tcp 8023
+hold() {  # a connection from the vm to the lan's tcp 7000 that answers at each `say`
+  rm -f $L/in $L/out; mkfifo $L/in $L/out; exec 7<> $L/in 8<> $L/out
+  ip netns exec vm python3 $L/probe.py hold 10.77.0.2 7000 < $L/in > $L/out 2>&1 & }
+say() { echo >&7; read -t 5 line <&8 || line=cut; echo $line; }
+policy() {  # policy NAME OUTBOUND KEEPS_IPV6 "DIRECTION ACTION PROTO REMOTE [PORTS]"...
+  name=$1 outbound=$2 v6=$3 n=0 rules=; shift 3
+  for rule; do set -- $rule; n=$((n + 1)); rules="$rules${rules:+,}{\"id\":\"0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E$n\",
+\"enabled\":true,\"direction\":\"$1\",\"action\":\"$2\",\"proto\":\"$3\",\"remoteCIDR\":\"$4\",\"ports\":\"${5:-}\"}"; done
+  printf '[{"networkID":"6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B","name":"Lab","subnetCIDR":"192.168.64.0/24",
+    "gatewayIPv4":"192.168.64.1","dnsProxyEnabled":false,"keepsIPv6":%s,"policy":{"enabled":true,
+    "defaultInbound":"deny","defaultOutbound":"%s","rules":[%s]}}]' $v6 $outbound "$rules" > /tmp/$name
+}
+asks() { want=$1; shift; reply=$(ctl_as 501 80 "$@"); [ "$reply" = "$want" ] || fail "$*: $reply"; }
+apply() { asks '["Enforcing 1 network: Lab",null]' applyFirewallWithPolicyData:withReply: /tmp/$1; }
+remove() { asks '[null]' removeFirewallWithReply:; }
+# first: outbound allowed but tcp 7001 and udp 5301 to the LAN; inbound tcp 8022; IPv6 dropped.
+# second: outbound denied but udp 5300 and icmp to the LAN; no inbound rule; IPv6 kept.
+# third: first's defaults with only tcp 8022 in, a change that keeps outbound allowed.
+policy first allow false "outbound deny tcp 10.77.0.0/24 7001" "outbound deny udp 10.77.0.0/24 5301" \
+  "inbound allow tcp any 8022"
+policy second deny true "outbound allow udp 10.77.0.0/24 5300" "outbound allow icmp 10.77.0.2"
+policy third allow false "inbound allow tcp any 8022"
+serve lan tcp 7000; serve lan tcp 7001; serve lan udp 5300; serve lan udp 5301; serve vm tcp 8022
+serve vm tcp 8023
 start_helper
+probes before
+apply first; probes first; hold; a=$(say); : > $L/pfctl.log; apply second; echo "held: $a $(say)"
+probes second; echo "kills: $(grep -- '^-k' $L/pfctl.log | tr '\n' ';')"
+remove; probes removed
+apply first; : > $L/pfctl.log; apply first; echo "unchanged: $(tr '\n' ';' < $L/pfctl.log)"
+nft flush table inet tarnly_pf; a=$(probe lan tcp 192.168.64.2 8023); : > $L/pfctl.log
+apply first; echo "reload: $a $(grep -c -- ' -f ' $L/pfctl.log) $(probe lan tcp 192.168.64.2 8023)" \
+  "$(probe lan tcp 192.168.64.2 8022)"
+hold; a=$(say); apply third; echo "third: $a $(say) $(probe vm tcp 10.77.0.2 7000)"
 )sh";
 
-// The network Lab on 192.168.64.0/24, as the application sends it.
-std::string policy(const std::string& outbound, const std::string& rules, bool keepsIPv6) {
-  return R"([{"networkID": "6F1C2A7E-3B4D-4E5F-8A9B-0C1D2E3F4A5B", "name": "Lab",
-  "subnetCIDR": "192.168.64.0/24", "gatewayIPv4": "192.168.64.1", "dnsProxyEnabled": false,
-  "keepsIPv6": )" +
-         std::string(keepsIPv6 ? "true" : "false") +
-         R"(, "policy": {"enabled": true, "defaultInbound": "deny", "defaultOutbound": ")" +
-         outbound + R"(", "rules": [)" + rules + "]}}]";
-}
-
-std::string rule(int n, const char* direction, const char* action, const char* proto,
-                 const char* remote, const char* ports) {
-  return std::string(n > 1 ? ", " : "") + R"({"id": "0A1B2C3D-4E5F-4061-8283-94A5B6C7D8E)" +
-         std::to_string(n) + R"(", "enabled": true, "direction": ")" + direction +
-         R"(", "action": ")" + action + R"(", "proto": ")" + proto + R"(", "remoteCIDR": ")" +
-         remote + R"(", "ports": ")" + ports + R"("})";
-}
-
-// Outbound allowed but tcp 7001 and udp 5301 to the LAN; inbound tcp 8022 only; IPv6 dropped.
-const std::string kFirst = policy("allow",
-                                  rule(1, "outbound", "deny", "tcp", "10.77.0.0/24", "7001") +
-                                      rule(2, "outbound", "deny", "udp", "10.77.0.0/24", "5301") +
-                                      rule(3, "inbound", "allow", "tcp", "any", "8022"),
-                                  false);
-// Outbound denied but udp 5300 and icmp to the LAN; no inbound rule; IPv6 kept.
-const std::string kSecond = policy("deny",
-                                   rule(1, "outbound", "allow", "udp", "10.77.0.0/24", "5300") +
-                                       rule(2, "outbound", "allow", "icmp", "10.77.0.2", ""),
-                                   true);
-
-// The first with tcp 8022 inbound only: the network changes while its outbound stays allowed.
-const std::string kThird =
-    policy("allow", rule(1, "inbound", "allow", "tcp", "any", "8022"), false);
-
-class PfctlTraffic : public IsolatedRootTest {
- protected:
-  void SetUp() override {
-    IsolatedRootTest::SetUp();
-    if (IsSkipped()) return;
-    HelperCommand::Result probe =
-        HelperCommand::run("/usr/bin/unshare", {"--net", TARNLY_PFCTL_PATH, "-si"});
-    if (probe.status != 0) GTEST_SKIP() << probe.combinedOutput();
-  }
-
-  // Runs the scenario in a fresh lab; its "name=value" lines.
-  static std::map<std::string, std::string> run(const std::string& scenario) {
-    std::string script = std::string("mkdir -p /tmp/lab\ncat > /tmp/lab/probe.py <<'EOF'\n") +
-                         kProbe + "EOF\ncat > /tmp/first.json <<'EOF'\n" + kFirst +
-                         "\nEOF\ncat > /tmp/second.json <<'EOF'\n" + kSecond +
-                         "\nEOF\ncat > /tmp/third.json <<'EOF'\n" + kThird + "\nEOF\n" + kLab +
-                         scenario;
-    HelperCommand::Result result = IsolatedRoot::run(script, TARNLY_PFCTL_PATH);
-    EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
-    std::map<std::string, std::string> found;
-    std::istringstream lines(result.stdout);
-    for (std::string line; std::getline(lines, line);) {
-      size_t equals = line.find('=');
-      if (equals != std::string::npos) found[line.substr(0, equals)] = line.substr(equals + 1);
-    }
-    return found;
-  }
-};
+using PfctlTraffic = IsolatedRootTest;
 
 TEST_F(PfctlTraffic, PoliciesAppliedThroughTheHelperHoldForRealTraffic) {
-  std::map<std::string, std::string> found = run(R"sh(
-probes before
-apply /tmp/first.json; probes first; hold vm 10.77.0.2 7000; say held.first
-: > $L/pfctl.log; apply /tmp/second.json; say held.second; probes second
-echo "kills=$(grep -- '^-k' $L/pfctl.log | tr '\n' ';')"
-remove; probes removed
-)sh");
-  // The blocked probes of each step; every other one is open.
-  const std::map<std::string, std::string> blocked = {
-      {"before", ""},
-      {"first", " out.tcp.rule out.udp.default in.tcp.default in.icmp vm.ipv6 "},
-      {"second",
-       " out.tcp.default out.tcp.rule out.udp.default in.tcp.rule in.tcp.default in.icmp "},
-      {"removed", ""}};
-  for (const auto& [step, closed] : blocked) {
-    for (const char* probe : {"out.tcp.default", "out.tcp.rule", "out.udp.default", "out.udp.rule",
-                              "out.icmp", "vm.ipv6", "in.tcp.rule", "in.tcp.default", "in.icmp"}) {
-      bool shut = closed.find(std::string(" ") + probe + " ") != std::string::npos;
-      EXPECT_EQ(found[step + "." + probe], shut ? "blocked" : "open") << step << "." << probe;
-    }
-  }
-  // The apply that changes the network drops its states both ways, so the connection it now
-  // denies ends at once.
-  EXPECT_EQ(found["held.first"] + found["held.second"], "opencut");
-  EXPECT_EQ(found["kills"], "-k 192.168.64.0/24;-k 0.0.0.0/0 -k 192.168.64.0/24;");
-}
-
-TEST_F(PfctlTraffic, SecondIdenticalApplyOnlyChecksAndAFlushedTableIsReloaded) {
-  std::map<std::string, std::string> found = run(R"sh(
-apply /tmp/first.json; : > $L/pfctl.log; apply /tmp/first.json
-echo "unchanged=$(tr '\n' ';' < $L/pfctl.log)"
-nft flush table inet tarnly_pf; probe flushed lan tcp 192.168.64.2 8023
-: > $L/pfctl.log; apply /tmp/first.json; echo "loads=$(grep -c -- ' -f ' $L/pfctl.log)"
-probe reloaded.default lan tcp 192.168.64.2 8023; probe reloaded.rule lan tcp 192.168.64.2 8022
-)sh");
-  EXPECT_EQ(found["unchanged"], "-si;-a com.apple/900.tarnly.firewall -sr;");
-  EXPECT_EQ(found["flushed"] + found["loads"] + found["reloaded.default"] + found["reloaded.rule"],
-            "open1blockedopen");
-}
-
-// A mid-stream packet of a killed connection creates no state, as in pf: the connection ends
-// while new ones to the same place still open.
-TEST_F(PfctlTraffic, StatesKilledByAChangeStayGoneUnderARuleThatStillPasses) {
-  std::map<std::string, std::string> found = run(R"sh(
-apply /tmp/first.json; hold vm 10.77.0.2 7000; say held.first
-apply /tmp/third.json; say held.third; probe fresh vm tcp 10.77.0.2 7000
-)sh");
-  EXPECT_EQ(found["held.first"] + found["held.third"] + found["fresh"], "opencutopen");
+  HelperCommand::Result nft =
+      HelperCommand::run("/usr/bin/unshare", {"--net", TARNLY_PFCTL_PATH, "-si"});
+  if (nft.status != 0) GTEST_SKIP() << nft.combinedOutput();
+  HelperCommand::Result result = IsolatedRoot::run(
+      std::string("mkdir -p /tmp/lab\ncat > /tmp/lab/probe.py <<'EOF'\n") + kProbe + "EOF\n" + kLab,
+      TARNLY_PFCTL_PATH);
+  // An apply that changes the network drops its states both ways: the connection it now denies
+  // ends at once, and so does one a rule still passes (its mid-stream packets create no state, as
+  // in pf) while new ones open. An identical apply only checks; a flushed table is reloaded.
+  EXPECT_EQ(result.stdout, R"(before: open open open open open open open open open
+first: open blocked blocked open open blocked open blocked blocked
+held: open cut
+second: blocked blocked blocked open open open blocked blocked blocked
+kills: -k 192.168.64.0/24;-k 0.0.0.0/0 -k 192.168.64.0/24;
+removed: open open open open open open open open open
+unchanged: -si;-a com.apple/900.tarnly.firewall -sr;
+reload: open 1 blocked open
+third: open cut open
+)") << result.stderr;
+  EXPECT_EQ(result.status, 0);
 }
 
 }  // namespace
