@@ -27,13 +27,11 @@ inline std::vector<std::string> launcher(const std::vector<std::string>& modules
   return command;
 }
 
-// Why user-mode Linux could not run the command, from the launcher's exit status and its error
-// output, or empty when it ran it (whatever the command's own outcome).
+// Why user-mode Linux could not run the command, from the launcher's exit status (125) and its
+// "uml-run: " error line, or empty when it ran it (whatever the command's own outcome).
 inline std::string failure(int status, const std::string& errors) {
-  const std::string prefix = "uml-run: ";
-  if (status != 125 || !errors.starts_with(prefix)) return {};
-  return "user-mode Linux cannot stand in: " +
-         errors.substr(prefix.size(), errors.find('\n') - prefix.size());
+  if (status != 125 || !errors.starts_with("uml-run: ")) return {};
+  return "user-mode Linux cannot stand in: " + errors.substr(9, errors.find('\n') - 9);
 }
 
 }  // namespace UserModeLinux
