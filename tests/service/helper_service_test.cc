@@ -64,7 +64,7 @@ std::string nextReply(int fd) {  // the next frame's payload, or "<closed>"
 class ServiceConcurrentTest : public ::testing::Test {
  protected:
   // An operation that records "<name> <argument>..." and returns `result`, or throws `failure`.
-  auto record(std::string name, auto result) {
+  auto record(const std::string& name, auto result) {
     return [this, name, result](const auto&... args) {
       std::lock_guard<std::mutex> guard(callsLock);
       calls.push_back(name);
@@ -141,7 +141,7 @@ class ServiceConcurrentTest : public ::testing::Test {
         log);
     // Only the timer stays off: nothing here may reach the real exit.
     HelperListener::Seams seams;
-    seams.startTimer = [](std::function<void()>) {};
+    seams.startTimer = [](const std::function<void()>&) {};
     listener = HelperListener::create(env, seams);
     server = std::thread([this] { listener->listen([this] { transport->serve(); }); });
   }
@@ -181,7 +181,7 @@ TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOr
   HelperListener::Seams seams;
   seams.now = [this] { return now(); };
   seams.sleep = [this](std::chrono::microseconds duration) { advance(duration), ++sleeps; };
-  seams.startTimer = [this](std::function<void()>) { ++timerStarts; };
+  seams.startTimer = [this](const std::function<void()>&) { ++timerStarts; };
   seams.exit = [this] { ++exits; };
   seams.holdFirewallLock = [this] { HelperFirewall::FirewallLock taken(env); };
   (listener = HelperListener::create(env, seams))->listen([] {});  // returns at once
@@ -333,7 +333,7 @@ TEST(HelperPeerCheckTest, SeesEveryChangeToTheBundleAtTheNextMessage) {
                     macos = contents + "/MacOS", client = macos + "/Tarnly", old = client + ".old",
                     socketPath = top + "/helper.sock"s;
   for (const std::string& folder : {contents + "/Helpers", macos}) fs::create_directories(folder);
-  std::ofstream(contents + "/Helpers/TarnlyAdminHelper");
+  std::ofstream(contents + "/Helpers/TarnlyAdminHelper").close();
   fs::copy_file(TARNLY_HELPERCTL_PATH, client);
   FakeUserDirectory users;
   HelperPeerCheck check(contents + "/Helpers/TarnlyAdminHelper", users);
@@ -464,9 +464,9 @@ TEST_F(ServiceConcurrentTest, LogRotatesOnlyPastTheLimitAlsoUnderAnotherProcess)
   tree.write("var/log/tarnly-adminhelper.log", big + "x");
   log.write("rotated");  // past the limit: the older generation is replaced
   EXPECT_EQ(contentOf(rotated), big + "x");
-  std::vector<std::thread> threads;
+  std::vector<std::thread> threads(8);
   for (int t = 0; t < 8; ++t)
-    threads.emplace_back([this, t] {
+    threads[t] = std::thread([this, t] {
       for (int i = 0; i < 200; ++i) log.write(std::to_string(t * 1000 + i));
     });
   for (auto& thread : threads) thread.join();
@@ -547,7 +547,7 @@ TEST(HelperCommandRun, ReportsStatusAndBothStreamsExactly) {
   auto savedChild = std::signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(fields(run("/bin/true", {})),
             fields({-1, "", "Could not wait for /bin/true: No child processes"}));
-  std::signal(SIGCHLD, savedChild);
+  (void)std::signal(SIGCHLD, savedChild);
   EXPECT_EQ((Result{1, "\n out \n", "\t err\n\n"}).combinedOutput(), "out\nerr");
   EXPECT_EQ((Result{1, " \n", " \n"}).combinedOutput(), "");
   EXPECT_EQ((Result{1, "", "a\n\nb\n"}).combinedOutput(), "a\n\nb");
