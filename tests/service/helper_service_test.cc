@@ -188,7 +188,8 @@ TEST_F(ServiceConcurrentTest, ExitsWhenIdleShutDownOrReplacedButNeverUnderWorkOr
   EXPECT_EQ(timerStarts, 1);
   listener->connectionEnded();  // an end without a start stays at 0
   EXPECT_EQ(listener->activeConnections(), 0);
-  listener->connectionAccepted(), listener->connectionAccepted();
+  listener->connectionAccepted();
+  listener->connectionAccepted();
   std::ofstream(launchFile, std::ios::trunc) << "2 rewritten in place";
   for (int open : {1, 0}) {  // open connections keep the helper alive for any time
     advance(1h);
@@ -314,7 +315,8 @@ TEST_F(ServiceConcurrentTest, AnotherProgramIsDisconnectedAndOnlyAStaleSocketIsR
   EXPECT_EQ(modeOf(path), 0666);
   EXPECT_EQ(bindServiceSocket(path, error), -1);
   EXPECT_EQ(error, "Left " + path + " alone: another process is listening on it.");
-  transport->stop(), server.join();
+  transport->stop();
+  server.join();
   transport.reset();  // the socket file stays behind, stale
   EXPECT_GE(fd = bindServiceSocket(path, error), 0) << error;
   ::close(fd);
@@ -369,9 +371,11 @@ TEST(HelperPeerCheckTest, SeesEveryChangeToTheBundleAtTheNextMessage) {
     make(false);
     EXPECT_TRUE(check.accepts(*peer));
   }
-  ::close(connection), ::waitpid(pid, nullptr, 0);
+  ::close(connection);
+  ::waitpid(pid, nullptr, 0);
   EXPECT_FALSE(check.accepts(*peer)) << "the peer has exited";
-  ::close(listener), fs::remove_all(top);
+  ::close(listener);
+  fs::remove_all(top);
 }
 
 // Each row's caller rule ('n' anybody, 'c' administrators or the console user, 'a' administrators
@@ -425,7 +429,8 @@ TEST_F(ServiceConcurrentTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsF
     if (row.logsFailure) lines.push_back(std::string(method.operation) + " failed: It broke.");
     failure = "It broke.";
     EXPECT_EQ(reply(request(row.selector, row.args), kAdmin), failed);
-    failure.clear(), takeCalls();
+    failure.clear();
+    takeCalls();
     EXPECT_EQ(logLines(), lines);
   }
   // The firewall rows pass the caller, and adopt legacy rules for the console user or nobody.
@@ -433,7 +438,8 @@ TEST_F(ServiceConcurrentTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsF
                     remove = request("removeFirewallWithReply:");
   reply(apply, kAdmin);  // an administrator away from the console
   reply(remove, kConsole);
-  console.reset(), reply(apply, kAdmin);  // nobody at the console
+  console.reset();
+  reply(apply, kAdmin);  // nobody at the console
   console = 0, reply(remove, 0);
   EXPECT_THAT(takeCalls(), ElementsAre(R"(apply "[]" 501 false)", "remove 502 true",
                                        R"(apply "[]" 501 true)", "remove 0 true"));
@@ -446,7 +452,9 @@ TEST_F(ServiceConcurrentTest, EachRowChecksItsCallerRepliesInItsShapeAndReportsF
 TEST_F(ServiceConcurrentTest, LogRotatesOnlyPastTheLimitAlsoUnderAnotherProcess) {
   const std::string file = paths.logFile, rotated = paths.rotatedLogFile,
                     big(HelperLog::kRotationLimit, 'x'), stamp = "2026-11-16T20:51:26Z ";
-  ::umask(077), log.write("two\nlines"), ::umask(022);
+  ::umask(077);
+  log.write("two\nlines");
+  ::umask(022);
   EXPECT_EQ(contentOf(file), stamp + "two\nlines\n");
   EXPECT_EQ(modeOf(file), 0644);
   tree.write("var/log/tarnly-adminhelper.log", big);
@@ -458,7 +466,8 @@ TEST_F(ServiceConcurrentTest, LogRotatesOnlyPastTheLimitAlsoUnderAnotherProcess)
   EXPECT_TRUE(waitForFlockWaiter(other.inode(), [&] { return done.load(); }))
       << "the write went ahead while another process rotated";
   ASSERT_EQ(::rename(file.c_str(), rotated.c_str()), 0);
-  other.release(), writer.join();
+  other.release();
+  writer.join();
   EXPECT_EQ(contentOf(rotated), big + stamp + "at the limit\n");
   EXPECT_EQ(contentOf(file), stamp + "next\n");
   tree.write("var/log/tarnly-adminhelper.log", big + "x");
@@ -474,7 +483,8 @@ TEST_F(ServiceConcurrentTest, LogRotatesOnlyPastTheLimitAlsoUnderAnotherProcess)
   for (int t = 0; t < 8000; t += 1000)
     for (int i = 0; i < 200; ++i) expected.push_back(std::to_string(t + i));
   EXPECT_THAT(lines, testing::UnorderedElementsAreArray(expected));
-  log.removeForUninstall(), log.write("after");
+  log.removeForUninstall();
+  log.write("after");
   EXPECT_FALSE(pathExists(file) || pathExists(rotated));
   createDirectories(rotated + "/occupied");
   tree.write("var/log/tarnly-adminhelper.log", big + "x");
@@ -488,9 +498,14 @@ TEST(HelperAuthorizationTest, AdministratorsAreRootWithoutALookupAndMembersOfGro
   FakeUserDirectory users;  // no entry at all, not even for root
   EXPECT_TRUE(HelperAuthorization::isAdministrator(0, users));
   EXPECT_EQ(users.lookups(), 0) << "root needs no lookup";
-  users.addUser(501, {20, 12, 80}), users.addUser(503, {20, 800, 8});  // a member, and none
-  users.addUser(502, {80}), users.addUser(504, {80}), users.failGroupsOf(504);  // primary group
-  for (uid_t uid : {501u, 502u, 503u, 504u, 4242u})                             // 4242 has no entry
+  // 501 is a member of the administrators' group and 503 of none; for 502 and 504 it is the
+  // primary group, and the group list of 504 cannot be had.
+  users.addUser(501, {20, 12, 80});
+  users.addUser(503, {20, 800, 8});
+  users.addUser(502, {80});
+  users.addUser(504, {80});
+  users.failGroupsOf(504);
+  for (uid_t uid : {501u, 502u, 503u, 504u, 4242u})  // 4242 has no entry
     EXPECT_EQ(HelperAuthorization::isAdministrator(uid, users), uid < 503) << uid;
   uid_t unknown = 4242000;  // the default directory is the real one
   while (systemUserDirectory().user(unknown)) ++unknown;
@@ -539,7 +554,8 @@ TEST(HelperCommandRun, ReportsStatusAndBothStreamsExactly) {
   auto fields = [](const Result& r) { return std::tuple(r.status, r.stdout, r.stderr); };
   auto savedInt = std::signal(SIGINT, SIG_IGN);
   sigset_t all, savedMask;
-  sigfillset(&all), ::pthread_sigmask(SIG_BLOCK, &all, &savedMask);
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_BLOCK, &all, &savedMask);
   for (const auto& [path, arguments, expected] : cases)
     EXPECT_EQ(fields(run(path, arguments)), fields(expected)) << testing::PrintToString(arguments);
   ::pthread_sigmask(SIG_SETMASK, &savedMask, nullptr), std::signal(SIGINT, savedInt);
@@ -579,7 +595,8 @@ TEST(HelperCommandRun, ConcurrentRunsKeepTheirOutputAndLeakNoDescriptor) {
   Result result = run("/bin/sh", {"-c", "ls /proc/$$/fd"});  // what the shell inherited
   ASSERT_TRUE(writeAll(gateFd, std::string(others.size(), '\n')));
   for (auto& thread : threads) thread.join();
-  ::close(readyFd), ::close(gateFd);
+  ::close(readyFd);
+  ::close(gateFd);
   ASSERT_EQ(result.status, 0);
   // All of them the test process had already (inherited itself, not close-on-exec).
   EXPECT_THAT(split(result.stdout, '\n', false), testing::IsSubsetOf(before));
