@@ -24,9 +24,7 @@ using ID = NetworkInterfaceID;
 const std::string kNoVLANs = "this kernel has no 802.1Q VLAN links (CONFIG_VLAN_8021Q): ";
 
 Result ip(const std::string& arguments) {
-  std::vector<std::string> words;
-  for (std::string_view word : split(arguments, ' ', false)) words.emplace_back(word);
-  return HelperCommand::run("/sbin/ip", words);
+  return HelperCommand::run("/bin/sh", {"-c", "exec /sbin/ip " + arguments});
 }
 void mustIP(const std::string& arguments) {
   const Result result = ip(arguments);
