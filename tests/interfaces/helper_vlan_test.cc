@@ -33,7 +33,7 @@ struct FakeVLANs final : VLANConfiguration {
   };
   std::mutex lock;
   std::vector<Interface> all;     // ids are indexes; a removed one loses its name
-  std::set<std::string> refused;  // "handle", "VLANs", "create", "name", "commit", "apply"
+  std::set<std::string> refused;  // "handle", "VLANs", "create", "commit", "apply"
   int applies = 0;
 
   bool has(const std::string& name) {
@@ -61,7 +61,7 @@ struct FakeVLANs final : VLANConfiguration {
     std::optional<ID> createVLAN(ID physical, std::int64_t tag) override {
       if (f.refused.count("create")) return std::nullopt;
       s.push_back({.tag = tag, .parent = physical});
-      for (int n = 0; !f.refused.count("name") && !s.back().bsdName; ++n) {
+      for (int n = 0; !s.back().bsdName; ++n) {
         const std::string name = "vlan" + std::to_string(n);
         if (std::none_of(s.begin(), s.end(), [&](auto& i) { return i.bsdName == name; })) {
           s.back().bsdName = name;
@@ -133,12 +133,6 @@ TEST_F(HelperVLANTest, CreateRecordsWhatItMadeListingShowsItAndDeleteRemovesOnly
                              {"vlan2", 12, "en1", "Away"},
                              {"vlan1", 20, "en1", "Office"},
                              {"vlan3", -7, "en0", ""}}));
-  // A VLAN without a BSD name is reported as "" and not recorded; the vanished vlan0 goes.
-  fake.all[3].bsdName.reset();  // vlan0
-  fake.refused = {"name"};
-  EXPECT_EQ(create("x", 7, "en0"), "");
-  EXPECT_EQ(records().size(), 3U);
-  fake.refused = {};
 
   // Delete: duplicated records all go; VLANs recorded otherwise or not at all stay and are not
   // listed.
@@ -155,10 +149,10 @@ TEST_F(HelperVLANTest, CreateRecordsWhatItMadeListingShowsItAndDeleteRemovesOnly
   EXPECT_EQ(records(), (std::vector<Record>{{"vlan2", 120, "en1"}, {"vlan3", -7, "en1"}}));
   const std::string alone = " alone: Tarnly's helper didn't create it.";
   EXPECT_EQ(test.logged(),
-            (std::vector<std::string>{
-                "Created VLAN vlan1 (tag 20) on en1.", "Created VLAN vlan3 (tag -7) on en0.",
-                "Created VLAN  (tag 7) on en0.", "Deleted VLAN vlan1.", "Left VLAN vlan4" + alone,
-                "Left VLAN vlan2" + alone, "Left VLAN vlan3" + alone, "Left VLAN vlan6" + alone}));
+            (std::vector<std::string>{"Created VLAN vlan1 (tag 20) on en1.",
+                                      "Created VLAN vlan3 (tag -7) on en0.", "Deleted VLAN vlan1.",
+                                      "Left VLAN vlan4" + alone, "Left VLAN vlan2" + alone,
+                                      "Left VLAN vlan3" + alone, "Left VLAN vlan6" + alone}));
   // A VLAN without tag or parent is the helper's when recorded as (-1, "").
   writeRecords({{"vlan6", -1, ""}});
   remove("vlan6");
@@ -166,8 +160,8 @@ TEST_F(HelperVLANTest, CreateRecordsWhatItMadeListingShowsItAndDeleteRemovesOnly
   // Without any VLAN listed, every earlier record goes.
   writeRecords({{"vlan2", 12, "en1"}});
   fake.refused = {"VLANs"};
-  EXPECT_EQ(create("", 8, "en0"), "vlan0");
-  EXPECT_EQ(records(), (std::vector<Record>{{"vlan0", 8, "en0"}}));
+  EXPECT_EQ(create("", 8, "en0"), "vlan1");
+  EXPECT_EQ(records(), (std::vector<Record>{{"vlan1", 8, "en0"}}));
 }
 
 TEST_F(HelperVLANTest, RefusalsCarryTheirMessagesAndLeaveTheRecordAlone) {
