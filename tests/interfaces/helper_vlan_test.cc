@@ -200,6 +200,7 @@ TEST_F(HelperVLANTest, RefusalsCarryTheirMessagesAndLeaveTheRecordAlone) {
 TEST_F(HelperVLANTest, ConcurrentCreatesAndDeletesLoseNoRecord) {
   vlan("vlan99", 99, 1);  // not the helper's; refused each time
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < 4; ++i) {

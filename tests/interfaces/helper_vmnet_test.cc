@@ -115,6 +115,7 @@ TEST_F(PruneTest, OnlyWhatTwoScansInARowFindInNoBridgeIsDestroyedAndOnlyWithoutR
 TEST_F(PruneTest, ConcurrentScansShareOneMemory) {
   std::vector<Lines> reports(4);  // one per thread
   std::vector<std::thread> threads;
+  threads.reserve(reports.size());
   for (Lines& thread : reports) {
     threads.emplace_back([this, &thread] {
       for (int i = 0; i < 3; ++i) thread.push_back(scan());
