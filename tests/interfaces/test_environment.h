@@ -26,25 +26,21 @@ inline std::string errorOf(const std::function<void()>& call) {
 struct TestEnvironment {
   static TimePoint now() { return fromSecondsSinceReferenceDate(800000000); }
   TempTree tree;
-  HostPaths paths = [this] {
-    HostPaths p;
-    p.stateDirectory = tree.path("state");
-    p.logFile = tree.path("helper.log");
-    p.rotatedLogFile = tree.path("helper.log.1");
-    p.pgrep = tree.path("bin/pgrep");
-    p.ifconfig = tree.path("bin/ifconfig");
-    return p;
-  }();
+  HostPaths paths{.stateDirectory = tree.path("state"),
+                  .logFile = tree.path("helper.log"),
+                  .rotatedLogFile = tree.path("helper.log.1"),
+                  .ifconfig = tree.path("bin/ifconfig"),
+                  .pgrep = tree.path("bin/pgrep"),
+                  .executable = {}};
   HelperLog log{paths.logFile, paths.rotatedLogFile, now};
   HelperEnvironment env{paths, now, log};
 
   std::string recordFile() const { return paths.state(HelperVLAN::kRecordFileName); }
-  // The logged messages, time stamps left out.
-  std::vector<std::string> logged() const {
+  std::vector<std::string> logged() const {  // time stamps left out
     std::vector<std::string> messages;
     const std::string text = readFile(paths.logFile).value_or("");
     for (std::string_view line : split(text, '\n', false)) {
-      messages.emplace_back(line.substr(line.find(' ') + 1));  // npos + 1 is 0: the whole line
+      messages.emplace_back(line.substr(line.find(' ') + 1));
     }
     return messages;
   }
