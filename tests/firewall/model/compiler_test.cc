@@ -12,6 +12,7 @@ using Act = FirewallRule::Action;
 using Proto = FirewallRule::Proto;
 using Lines = std::vector<std::string>;
 
+// clang-format off
 FirewallRule rule(std::string remote, std::string ports, Proto proto = Proto::tcp,
                   Act action = Act::allow, Dir direction = Dir::inbound, bool enabled = true) {
   return {Uuid{}, enabled, direction, action, proto, std::move(remote), std::move(ports)};
@@ -21,26 +22,17 @@ FirewallRule rule(std::string remote, std::string ports, Proto proto = Proto::tc
 FirewallNetworkPolicy network(std::size_t id, std::string subnet,
                               std::optional<std::string> gateway = {},
                               std::vector<FirewallRule> rules = {}) {
-  return {Uuid{{static_cast<std::uint8_t>(id)}},
-          "N",
-          std::move(subnet),
-          std::move(gateway),
-          false,
-          {true, Act::deny, Act::allow, std::move(rules)},
-          {}};
-}
-
-std::optional<std::string> ipv4(std::string_view text) {
-  const auto bytes = parseIPv4(text);
-  return bytes ? std::optional(dottedQuad(*bytes)) : std::nullopt;
+  return {Uuid{{static_cast<std::uint8_t>(id)}}, "N", std::move(subnet), std::move(gateway), false,
+          {true, Act::deny, Act::allow, std::move(rules)}, {}};
 }
 
 TEST(TextForms, AcceptedTextsTakeTheirCanonicalFormAndAllOthersAreRefused) {
   using Pairs = std::vector<std::pair<std::string_view, std::string_view>>;
   using Form = std::optional<std::string> (*)(std::string_view);
-  // clang-format off
   const std::vector<std::tuple<Form, Pairs, std::vector<std::string_view>>> forms = {
-      {ipv4, {{"0.10.100.255", "0.10.100.255"}},
+      {[](std::string_view text) -> std::optional<std::string> {
+         if (auto bytes = parseIPv4(text)) return dottedQuad(*bytes); return std::nullopt; },
+       {{"0.10.100.255", "0.10.100.255"}},
        {" 192.168.64.1", "192.168.064.1", "255.255.255.2555", "1.2.3.4/24", {"1.2.3.4\0x", 9}}},
       {normalizedRemote, {{"10.1.2.3", "10.1.2.3/32"}, {"\u00A0 10.1.2.3/8\t", "10.1.2.3/8"},
                           {"", "any"}, {" any\t", "any"}, {"\u00A0Any\u2003", "any"}, {"ANY", "any"}},
@@ -59,8 +51,7 @@ TEST(TextForms, AcceptedTextsTakeTheirCanonicalFormAndAllOthersAreRefused) {
     for (const auto& [text, canonical] : accepted) EXPECT_EQ(form(text), canonical) << text;
     for (std::string_view text : refused) EXPECT_EQ(form(text), std::nullopt) << text;
   }
-  EXPECT_FALSE(
-      prefixesMatch(std::vector<std::uint8_t>{1, 2, 3, 4}, std::vector<std::uint8_t>{1, 2, 3}, 0));
+  EXPECT_FALSE(prefixesMatch(std::array<std::uint8_t, 4>{}, std::array<std::uint8_t, 3>{}, 0));
 }
 
 // Every problem a network or rule can have, as users read it, and the bridges dropping IPv6.
@@ -75,9 +66,8 @@ TEST(Review, SortsNetworksIntoEnforceableRefusedAndSkippedAndFindsTheirBridges) 
           rule("any", "junk", Proto::icmp), rule("10.0.0.0/8", "", Proto::any, Act::deny)})};
   for (const char* subnet : {" 10.0.0.0/24 ", "192.168.64.0/31", "192.168.1.0/24", "192.168.65.0/24",
                              "192.168.67.0/24", "192.168.68.0/24", "192.168.102.0/24",
-                             "192.168.112.0/20", "192.168.130.0/24"}) {
+                             "192.168.112.0/20", "192.168.130.0/24"})
     networks.push_back(network(networks.size(), subnet));
-  }
   // The gateway stays only when it is an address inside the subnet other than the subnet's own.
   const std::vector<std::pair<std::string, std::optional<std::string>>> gateways = {
       {"192.168.104.255", "192.168.104.255"}, {"192.168.104.0", {}}, {"192.168.105.1", {}},
@@ -121,9 +111,8 @@ TEST(Review, SortsNetworksIntoEnforceableRefusedAndSkippedAndFindsTheirBridges) 
   const std::string remote = "\" isn't an IPv4 address or CIDR (such as 10.0.0.0/8).";
   const std::string ports = "\" isn't a port or port range (1-65535, such as 443 or 8000-8080).";
   Lines notes;
-  for (const auto* list : {&result.refused, &result.skippedRules}) {
+  for (const auto* list : {&result.refused, &result.skippedRules})
     for (const Review::Note& note : *list) notes.push_back(rendered(note));
-  }
   EXPECT_EQ(notes,
             (Lines{"N: the subnet \" 10.0.0.0/24 " + unusable,
                    "N: the subnet \"192.168.64.0/31" + unusable,
@@ -154,13 +143,12 @@ TEST(Review, SortsNetworksIntoEnforceableRefusedAndSkippedAndFindsTheirBridges) 
 
 // Every kind of rule line, DHCP to .1 (no DNS) for an unreadable gateway, IPv6 drops, the name on
 // one line; networks off or unusable and rules unusable or disabled leave nothing behind.
-TEST(Ruleset, RendersEachUsableNetworksBlock) {
+TEST(Ruleset, RendersEachUsableNetworksBlockAndDigestsItsRuleLines) {
   const TimePoint generated{std::chrono::seconds(1794861667)};  // 2026-11-16T20:41:07Z
   const std::string header =
       "# Tarnly network firewall - generated 2026-11-16T20:41:07Z.\n"
       "# Loaded into pf anchor \"com.apple/900.tarnly.firewall\" by TarnlyAdminHelper. Do not "
       "edit.\n\n";
-  EXPECT_EQ(ruleset({}, {}, generated), header);
   // clang-format off
   std::vector<FirewallNetworkPolicy> networks = {
       network(0, "192.168.60.0/24"), network(1, "10.0.0.0/24"),
@@ -175,8 +163,7 @@ TEST(Ruleset, RendersEachUsableNetworksBlock) {
   FirewallNetworkPolicy& farm = networks[2];
   farm.name = "a\nb\rc\vd\fe\u0085f\u2028g\u2029h\r\ni \u00A0\u2027";
   farm.dnsProxyEnabled = true;
-  farm.policy.defaultInbound = Act::allow;
-  farm.policy.defaultOutbound = Act::deny;
+  farm.policy = {true, Act::allow, Act::deny, farm.policy.rules};
   const IPv6DropMap drops = {
       {farm.networkID, {"bridge99", "en0", "bridge100", "bridge99", "bridge123456", "bridge"}},
       {Uuid{{1}}, {"bridge5"}}};
@@ -207,9 +194,7 @@ TEST(Ruleset, RendersEachUsableNetworksBlock) {
           .ends_with("from 192.168.64.1 port 67 to 192.168.64.0/22 port 68\npass in quick "
                      "from 192.168.64.0/22 to any keep state\nblock drop out quick from any "
                      "to 192.168.64.0/22\n\n"));
-}
-
-TEST(Digest, IsLowerCaseSHA256OfTheTextWithoutItsCommentLines) {
+  // The digest is the lower-case SHA-256 of the text without its comment lines.
   EXPECT_EQ(digest("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   // clang-format off
   const std::vector<std::pair<std::string_view, std::string_view>> digested = {
