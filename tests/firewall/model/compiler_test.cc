@@ -30,8 +30,8 @@ TEST(TextForms, AcceptedTextsTakeTheirCanonicalFormAndAllOthersAreRefused) {
   using Pairs = std::vector<std::pair<std::string_view, std::string_view>>;
   using Form = std::optional<std::string> (*)(std::string_view);
   const std::vector<std::tuple<Form, Pairs, std::vector<std::string_view>>> forms = {
-      {[](std::string_view text) -> std::optional<std::string> {
-         if (auto bytes = parseIPv4(text)) return dottedQuad(*bytes); return std::nullopt; },
+      {[](std::string_view text) { const auto bytes = parseIPv4(text);
+         return bytes ? std::optional(dottedQuad(*bytes)) : std::nullopt; },
        {{"0.10.100.255", "0.10.100.255"}},
        {" 192.168.64.1", "192.168.064.1", "255.255.255.2555", "1.2.3.4/24", {"1.2.3.4\0x", 9}}},
       {normalizedRemote, {{"10.1.2.3", "10.1.2.3/32"}, {"\u00A0 10.1.2.3/8\t", "10.1.2.3/8"},

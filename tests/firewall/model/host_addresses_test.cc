@@ -29,8 +29,8 @@ TEST(HostAddresses, ConvertsIPv4AndIPv6EntriesInListOrder) {
       if (text == nullptr) continue;
       slot->sin6_family = static_cast<sa_family_t>(family);
       void* sin = &reinterpret_cast<sockaddr_in*>(slot)->sin_addr;
-      if (family != AF_PACKET)
-        EXPECT_EQ(inet_pton(family, text, family == AF_INET ? sin : &slot->sin6_addr), 1);
+      EXPECT_TRUE(family == AF_PACKET ||
+                  inet_pton(family, text, family == AF_INET ? sin : &slot->sin6_addr) == 1);
       *field = reinterpret_cast<sockaddr*>(slot);
     }
   }
