@@ -1,6 +1,5 @@
-// The command-line links as a careful root helper must make them: only its own links replaced or
-// removed, nothing linked from a copy or into a folder a non-administrator could change, every
-// step below /usr on folder handles that a swapped-in link cannot redirect.
+// The command-line links: only the helper's own replaced or removed, none from a copy or into a
+// folder a non-administrator can change, every step below /usr on unredirectable folder handles.
 #include "host/helper_cli_symlink.h"
 
 #include <gmock/gmock.h>
@@ -19,9 +18,8 @@ const std::string kBinMayChange =
 
 TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsTold) {
   HostTree t;
-  const std::string bin = t.path("usr/local/bin/"),
-                    vendor = t.path("usr/local/share/fish/vendor_completions.d/"), T = t.tool(),
-                    C = t.completions(""), apps = t.path("Applications");
+  const std::string bin = t.path("usr/local/bin/"), T = t.tool, C = t.completions,
+                    vendor = t.path("usr/local/share/fish/vendor_completions.d/");
   // Links into any Tarnly bundle are replaced, or removed under legacy names; others stay.
   t.makeLink(bin + "tqz", "/Volumes/Old/Tarnly.app/Contents/Helpers/tarnly");
   t.makeLink(bin + "qz", "../Tarnly.app/Contents/Helpers/qz");
@@ -31,27 +29,26 @@ TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsT
   ::umask(077);
   EXPECT_TRUE(t.run(install));
   ::umask(022);
-  EXPECT_EQ(modeOf(t.path("usr/local/share/zsh/site-functions")), 0755);
-  EXPECT_EQ(std::tuple(t.entries(bin).size(), t.linkTarget(bin + "tarnly"),
-                       t.linkTarget(bin + "tqz"), t.linkTarget(vendor + "tarnly.fish")),
-            std::tuple(3U, T, T, C + "tarnly.fish"));
+  EXPECT_EQ(std::tuple(modeOf(t.path("usr/local/share/zsh/site-functions")), t.entries(bin).size(),
+                       t.linkTarget(bin + "tarnly"), t.linkTarget(bin + "tqz"),
+                       t.linkTarget(vendor + "tarnly.fish")),
+            std::tuple(0755, 3U, T, T, C + "tarnly.fish"));
   EXPECT_TRUE(t.run(uninstall));
   EXPECT_EQ(std::pair(t.entries(bin), t.entries(vendor)),
             std::pair(std::set<std::string>{"qzr"}, std::set<std::string>{"tqz.fish"}));
-
   // A copy that a non-administrator can change links nothing and loses the links at it.
   t.makeLink(bin + "tarnly", T);
   t.makeLink(bin + "tqz", "/Applications/Tarnly.app/Contents/Helpers/tarnly-cli");
-  ASSERT_EQ(::chmod(apps.c_str(), 0757), 0);
+  ASSERT_EQ(::chmod(t.path("Applications").c_str(), 0757), 0);
   EXPECT_FALSE(t.run(install));
   EXPECT_THAT(t.entries(bin), ElementsAre("qzr", "tqz"));
-  ASSERT_EQ(::chmod(apps.c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(t.path("Applications").c_str(), 0755), 0);
   // Something else in the way stops the request there, before the completions.
   std::filesystem::remove_all(t.path("usr/local"));
   t.makeLink(bin + "tqz", "/Applications/Tarnly.app/Contents/MacOS/Tarnly");
   EXPECT_FALSE(t.run(install));
-  EXPECT_EQ(t.linkTarget(bin + "tarnly"), T) << "made before tqz";
-  EXPECT_FALSE(pathExists(t.path("usr/local/share")));
+  EXPECT_EQ(std::pair(t.linkTarget(bin + "tarnly"), pathExists(t.path("usr/local/share"))),
+            std::pair(T, false));
   // No /usr/local/bin: remove does nothing. A link or a folder anyone may change in its place,
   // no /usr, no executable tool: refused, and nothing made through the link.
   std::filesystem::remove_all(t.path("usr/local"));
@@ -69,38 +66,30 @@ TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsT
   ASSERT_EQ(::chmod(T.c_str(), 0644), 0);
   EXPECT_FALSE(t.run(install)) << "checked before /usr is opened";
 
-  // Every log line and refusal of the requests above, in order.
-  auto linked = [&](const std::string& link, const std::string& completion = "") {
-    return "Linked /usr/local/" + link + " -> " + (completion.empty() ? T : C + completion) + ".";
-  };
-  auto removed = [](const std::string& link) { return "Removed /usr/local/" + link + "."; };
-  auto left = [](const std::string& link, const std::string& target) {
-    return "Left /usr/local/" + link + " alone: it points at " + target + ", not a Tarnly bundle.";
-  };
-  const std::string
-      fish = "share/fish/vendor_completions.d/tarnly.fish",
-      zsh = "share/zsh/site-functions/_tarnly",
-      tqzFish = "/usr/local/share/fish/vendor_completions.d/tqz.fish",
-      qzr = left("bin/qzr", "/A/MyTarnly.app/Contents/Helpers/tarnly"),
-      taken = " already exists and isn't a Tarnly link. Move it aside, then try again.",
-      shell = "Shell completion " + tqzFish + " not linked: " + tqzFish + taken,
-      leftTqzFish =
-          left(tqzFish.substr(11), "/A/Tarnly.app/Contents/Resources/completions/tqz.fish"),
-      copy = "Tarnly can't link its command-line tool from this copy: " + apps +
-             " can be changed by someone who isn't an administrator. Ask an administrator to "
-             "install Tarnly in /Applications.",
-      tqzTaken = "/usr/local/bin/tqz" + taken,
-      notFolder =
-          "/usr/local isn't a real folder (it's a link or a file), so Tarnly won't link into it.",
-      noTool = "The bundled command-line tool isn't at " + T + ".";
+  const std::string L = "Linked /usr/local/", Rm = "Removed /usr/local/", to = " -> " + T + ".",
+                    fish = "share/fish/vendor_completions.d/",
+                    zsh = "share/zsh/site-functions/_tarnly",
+                    qzr =
+                        "Left /usr/local/bin/qzr alone: it points at /A/MyTarnly.app/Contents/"
+                        "Helpers/tarnly, not a Tarnly bundle.",
+                    taken =
+                        " already exists and isn't a Tarnly link. Move it aside, then try again.",
+                    notFolder =
+                        "/usr/local isn't a real folder (it's a link or a file), so Tarnly "
+                        "won't link into it.";
   // clang-format off
   EXPECT_EQ(t.transcript, (std::vector<std::string>{
-      linked("bin/tarnly"), linked("bin/tqz"), removed("bin/qz"), qzr, linked(zsh, "_tarnly"),
-      linked(fish, "tarnly.fish"), shell,
-      removed("bin/tarnly"), removed("bin/tqz"), qzr, removed(zsh), removed(fish), leftTqzFish,
-      removed("bin/tarnly"), copy,
-      linked("bin/tarnly"), tqzTaken,
-      notFolder, notFolder, kBinMayChange, "Could not open /usr.", noTool}));
+      L + "bin/tarnly" + to, L + "bin/tqz" + to, Rm + "bin/qz.", qzr, L + zsh + " -> " + C + "_tarnly.",
+      L + fish + "tarnly.fish -> " + C + "tarnly.fish.",
+      "Shell completion /usr/local/" + fish + "tqz.fish not linked: /usr/local/" + fish + "tqz.fish" + taken,
+      Rm + "bin/tarnly.", Rm + "bin/tqz.", qzr, Rm + zsh + ".", Rm + fish + "tarnly.fish.",
+      "Left /usr/local/" + fish + "tqz.fish alone: it points at /A/Tarnly.app/Contents/Resources/"
+          "completions/tqz.fish, not a Tarnly bundle.",
+      Rm + "bin/tarnly.", "Tarnly can't link its command-line tool from this copy: " + t.path("Applications") +
+          " can be changed by someone who isn't an administrator. Ask an administrator to install "
+          "Tarnly in /Applications.",
+      L + "bin/tarnly" + to, "/usr/local/bin/tqz" + taken, notFolder, notFolder, kBinMayChange,
+      "Could not open /usr.", "The bundled command-line tool isn't at " + T + "."}));
   // clang-format on
 }
 
@@ -108,17 +97,15 @@ TEST(HelperCLISymlink, FolderOwnershipDecidesWhetherLinksGoIntoIt) {
   if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
   HostTree t;
   t.users_.addUser(501, {20, kAdministratorGroup});  // an administrator; 4242 is none
-  removeFile(t.completions("tarnly.fish"));
+  removeFile(t.completions + "tarnly.fish");
   const std::string bin = t.path("usr/local/bin");
   std::filesystem::create_directories(bin);
   // Root's or the administrators' group (80), or an administrator owner, may write; no one else.
-  for (auto [owner, group, mode, accepted] : {std::tuple{0, 0, 0755, true},
-                                              {0, 0, 0775, true},
+  for (auto [owner, group, mode, accepted] : {std::tuple{0, 0, 0775, true},
                                               {0, 80, 0775, true},
                                               {501, 20, 0755, true},
                                               {0, 4243, 0775, false},
                                               {0, 4243, 0755, true},
-                                              {0, 0, 0757, false},
                                               {0, 0, 01777, false},
                                               {4242, 0, 0755, false}}) {
     SCOPED_TRACE(::testing::Message() << owner << ":" << group << " " << std::oct << mode);
@@ -133,9 +120,9 @@ TEST(HelperCLISymlink, AFolderSwappedForALinkAfterItsCheckCannotRedirectTheLink)
   auto handle = HelperCLISymlink::openSafeDirectory(t.env_, {"local", "bin"}, true, t.users_);
   std::filesystem::rename(t.path("usr/local/bin"), t.path("usr/local/checked"));
   t.makeLink(t.path("usr/local/bin"), t.path("outside"));
-  HelperCLISymlink::link(t.env_, "/usr/local/bin/tarnly", handle.value(), t.tool(),
+  HelperCLISymlink::link(t.env_, "/usr/local/bin/tarnly", handle.value(), t.tool,
                          [](const std::string&) { return false; });
-  EXPECT_EQ(t.linkTarget(t.path("usr/local/checked/tarnly")), t.tool());
+  EXPECT_EQ(t.linkTarget(t.path("usr/local/checked/tarnly")), t.tool);
   EXPECT_THAT(t.entries(t.path("outside")), ElementsAre());
 }
 

@@ -1,6 +1,6 @@
-// HostTree: a temporary stand-in for the host's file system — a "/usr" root, a Tarnly.app bundle
-// with the helper, its tool and completions, and a log — and the HelperEnvironment pointing at it.
-// The ownership walk checks every folder up to "/": as root the tree is made below /run.
+// HostTree: a temporary host for the link and resolver requests (a "/usr" with /usr/local/bin, a
+// Tarnly.app bundle with the helper, its tool and completions, a log) and the HelperEnvironment
+// pointing at it; below /run as root, as the ownership walk checks every folder up to "/".
 #pragma once
 
 #include <unistd.h>
@@ -21,21 +21,23 @@ class HostTree {
 
  public:
   using Request = std::function<void(const HelperEnvironment&, const UserDirectory&)>;
+  const std::string bundle = path("Applications/Tarnly.app/Contents/"),
+                    tool = bundle + "Helpers/tarnly-cli",
+                    completions = bundle + "Resources/completions/";
   HelperEnvironment env_{{}, systemNow, log_};
   FakeUserDirectory users_;
-  std::vector<std::string> transcript;  // see run
+  std::vector<std::string> transcript;  // per run: its log lines without time stamps, its error
 
-  // Sets the umask to 022, so that folders the tests make are 0755.
-  HostTree() {
+  HostTree() {  // umask 022: folders made here are 0755
     ::umask(022);
     env_.paths = {.resolverDirectory = path("etc/resolver"),
                   .usr = path("usr"),
-                  .executable = path("Applications/Tarnly.app/Contents/Helpers/TarnlyAdminHelper")};
+                  .executable = bundle + "Helpers/TarnlyAdminHelper"};
     users_.addUser(::geteuid(), {kAdministratorGroup});  // owns the build folder when not root
-    for (auto folder : {path("usr"), path("outside"), completions(""), parentPath(tool())})
-      std::filesystem::create_directories(folder);
+    for (auto dir : {path("usr/local/bin"), path("outside"), completions, bundle + "Helpers"})
+      std::filesystem::create_directories(dir);
     for (auto file :
-         {tool(), completions("_tarnly"), completions("tarnly.fish"), env_.paths.executable})
+         {tool, completions + "_tarnly", completions + "tarnly.fish", env_.paths.executable})
       writeFileAtomically(file, "#!/bin/sh\n", 0755);
   }
   ~HostTree() {
@@ -44,10 +46,6 @@ class HostTree {
   }
 
   std::string path(const std::string& relative) const { return root_ + "/" + relative; }
-  std::string tool() const { return path("Applications/Tarnly.app/Contents/Helpers/tarnly-cli"); }
-  std::string completions(const std::string& name) const {
-    return path("Applications/Tarnly.app/Contents/Resources/completions/" + name);
-  }
   static void makeLink(const std::string& link, const std::string& target) {
     std::filesystem::create_directories(parentPath(link));
     std::filesystem::create_symlink(target, link);
@@ -57,14 +55,12 @@ class HostTree {
   }
   static std::set<std::string> entries(const std::string& folder) {
     std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
       names.insert(entry.path().filename());
-    }
     return names;
   }
 
-  // Runs a request; the log lines it wrote (without time stamps), then the sentence it threw, go
-  // to `transcript`. True when it threw nothing.
+  // Runs a request, adds what it logged and threw to `transcript`; true when it threw nothing.
   bool run(const Request& request) {
     std::string error;
     try {
@@ -73,9 +69,8 @@ class HostTree {
       error = thrown.what();
     }
     const std::string log = readFile(path("log")).value_or("");
-    for (std::string_view line : split(log, '\n', false)) {
+    for (std::string_view line : split(log, '\n', false))
       transcript.emplace_back(line.substr(line.find(' ') + 1));
-    }
     if (!error.empty()) transcript.push_back(error);
     removeFile(path("log"));
     return error.empty();
@@ -83,11 +78,8 @@ class HostTree {
 
  private:
   static std::string makeRoot() {
-    std::string base = ::geteuid() == 0 ? "/run/tarnly-host-test-trees"
-                                        : parentPath(currentExecutablePath()) + "/host-test-trees";
-    std::filesystem::create_directories(base);
-    std::filesystem::permissions(base, std::filesystem::perms(0755));
-    std::string pattern = base + "/tree-XXXXXX";
+    std::string pattern = (::geteuid() == 0 ? "/run" : parentPath(currentExecutablePath())) +
+                          "/tarnly-host-tree-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) throw FileError("mkdtemp", pattern, errno);
     return std::filesystem::canonical(pattern).string();
   }
