@@ -112,7 +112,7 @@ TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsT
   // Links into any Tarnly bundle are replaced, or removed under legacy names; others stay.
   t.makeLink(bin + "tqz", "/Volumes/Old/Tarnly.app/Contents/Helpers/tarnly");
   t.makeLink(bin + "qz", "../Tarnly.app/Contents/Helpers/qz");
-  t.makeLink(bin + "qzr", "/A/MyTarnly.app/Contents/Helpers/tarnly");
+  t.makeLink(bin + "qzr", "/MyTarnly.app/Contents/Helpers/tarnly");
   t.makeLink(vendor + "tarnly.fish", "/V/Tarnly.app/Contents/Resources/completions/tarnly.fish");
   t.makeLink(vendor + "tqz.fish", "/A/Tarnly.app/Contents/Resources/completions/tqz.fish");
   ::umask(077);
@@ -155,28 +155,25 @@ TEST(HelperCLISymlink, OnlyItsOwnLinksAreMadeReplacedOrRemovedAndEveryRefusalIsT
   ASSERT_EQ(::chmod(T.c_str(), 0644), 0);
   EXPECT_FALSE(t.run(install)) << "checked before /usr is opened";
 
-  const std::string L = "Linked /usr/local/", Rm = "Removed /usr/local/", to = " -> " + T + ".",
-                    fish = "share/fish/vendor_completions.d/",
-                    zsh = "share/zsh/site-functions/_tarnly",
-                    qzr =
-                        "Left /usr/local/bin/qzr alone: it points at /A/MyTarnly.app/Contents/"
-                        "Helpers/tarnly, not a Tarnly bundle.",
-                    taken =
-                        " already exists and isn't a Tarnly link. Move it aside, then try again.",
-                    notFolder =
-                        "/usr/local isn't a real folder (it's a link or a file), so Tarnly "
-                        "won't link into it.";
   // clang-format off
+  const std::string L = "Linked /usr/local/", Rm = "Removed /usr/local/", to = " -> " + T + ".",
+      fish = "share/fish/vendor_completions.d/", zsh = "share/zsh/site-functions/_tarnly",
+      share = "/usr/local/" + fish + "tqz.fish", bundle = ", not a Tarnly bundle.",
+      qzr = "Left /usr/local/bin/qzr alone: it points at /MyTarnly.app/Contents/Helpers/"
+            "tarnly" + bundle,
+      taken = " already exists and isn't a Tarnly link. Move it aside, then try again.",
+      notFolder = "/usr/local isn't a real folder (it's a link or a file), so Tarnly won't link "
+                  "into it.";
   EXPECT_EQ(t.transcript, (std::vector<std::string>{
-      L + "bin/tarnly" + to, L + "bin/tqz" + to, Rm + "bin/qz.", qzr, L + zsh + " -> " + C + "_tarnly.",
-      L + fish + "tarnly.fish -> " + C + "tarnly.fish.",
-      "Shell completion /usr/local/" + fish + "tqz.fish not linked: /usr/local/" + fish + "tqz.fish" + taken,
+      L + "bin/tarnly" + to, L + "bin/tqz" + to, Rm + "bin/qz.", qzr,
+      L + zsh + " -> " + C + "_tarnly.", L + fish + "tarnly.fish -> " + C + "tarnly.fish.",
+      "Shell completion " + share + " not linked: " + share + taken,
       Rm + "bin/tarnly.", Rm + "bin/tqz.", qzr, Rm + zsh + ".", Rm + fish + "tarnly.fish.",
-      "Left /usr/local/" + fish + "tqz.fish alone: it points at /A/Tarnly.app/Contents/Resources/"
-          "completions/tqz.fish, not a Tarnly bundle.",
-      Rm + "bin/tarnly.", "Tarnly can't link its command-line tool from this copy: " + t.path("Applications") +
-          " can be changed by someone who isn't an administrator. Ask an administrator to install "
-          "Tarnly in /Applications.",
+      "Left " + share + " alone: it points at /A/Tarnly.app/Contents/Resources/completions/"
+          "tqz.fish" + bundle,
+      Rm + "bin/tarnly.", "Tarnly can't link its command-line tool from this copy: " +
+          t.path("Applications") + " can be changed by someone who isn't an administrator. Ask an "
+          "administrator to install Tarnly in /Applications.",
       L + "bin/tarnly" + to, "/usr/local/bin/tqz" + taken, notFolder, notFolder, kBinMayChange,
       "Could not open /usr.", "The bundled command-line tool isn't at " + T + "."}));
   // clang-format on
@@ -295,8 +292,7 @@ std::map<std::string, std::string> snapshot(const HostTree& t) {
     const std::string path = entry.path(), relative = path.substr(t.path("").size());
     struct stat info {};
     if (relative.starts_with("log") || relative.starts_with("usr/local/bin/") ||
-        relative.starts_with("usr/local/share/fish/vendor_completions.d/") ||
-        ::lstat(path.c_str(), &info) != 0)
+        relative.starts_with("usr/local/share/fish") || ::lstat(path.c_str(), &info) != 0)
       continue;
     items[relative] = std::to_string(info.st_mode) + " " + std::to_string(info.st_uid) + " " +
                       (S_ISLNK(info.st_mode) ? t.linkTarget(path) : readFile(path).value_or(""));
@@ -308,12 +304,10 @@ TEST(HostRaceConcurrent, NothingButTheHelpersOwnLinksChangesWhileAUserSwapsWhatI
   if (::geteuid() != 0) GTEST_SKIP() << "acting as a user who isn't an administrator needs root";
   HostTree t;
   ASSERT_EQ(::chmod(t.path("").c_str(), 0755), 0);  // the user may pass
-  for (auto folder : {"usr/local/share/zsh/site-functions",
-                      "usr/local/share/fish/vendor_completions.d", "etc/resolver"})
-    fs::create_directories(t.path(folder));
   // The user owns a zsh tree (as a package manager run by a user leaves it) and the folder around
-  // the root-owned resolver folder. A followed link would reach a root-owned folder and a marked
-  // resolver file outside.
+  // the resolver folder; a followed link would reach a root-owned folder or marked file outside.
+  for (auto folder : {"usr/local/share/zsh/site-functions", "etc/resolver"})
+    fs::create_directories(t.path(folder));
   for (auto folder : {"usr/local/share/zsh", "usr/local/share/zsh/site-functions", "etc"})
     ASSERT_EQ(::chown(t.path(folder).c_str(), kNobody, kNobody), 0);
   writeFileAtomically(t.path("outside/file"), HelperResolver::fileContent("tqz") + "#\n", 0644);
