@@ -3,8 +3,6 @@
 #pragma once
 
 #include <map>
-#include <string>
-#include <vector>
 
 #include "platform/user_directory.h"
 

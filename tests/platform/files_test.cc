@@ -13,7 +13,7 @@ namespace {
 
 using ::testing::ThrowsMessage;
 
-TEST(Files, WritesAtomicallyWithTheirModeReadsUpToTheLimitAndFailNamingTheFinalPath) {
+TEST(Files, WritesAtomicallyWithTheirModeReadsUpToTheLimitFailNamingTheFileAndRemoveLeftovers) {
   TempTree tree;
   const std::string file = tree.path("file"), folder = tree.path("a/b");
   ::umask(077);
@@ -36,16 +36,13 @@ TEST(Files, WritesAtomicallyWithTheirModeReadsUpToTheLimitAndFailNamingTheFinalP
       ThrowsMessage<FileError>("Could not create the folder " + file + ": Not a directory."));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tree.path("a")), {}), 2)
       << "no temporary file";
-}
-
-TEST(Files, OnlyLeftoversOfACrashAreRemovedNotAWriteInProgress) {
-  TempTree tree;
+  // Only leftovers of a crash are removed, not a write in progress: that one holds a lock.
   const std::string leftover = tree.write(".record.json.tmp-00000000abcd", "half"),
                     older = tree.write("record.json.tmp-0123456789ab", "half"),
                     other = tree.write(".other.json.tmp-00000000abcd", "half"),
                     notOurs = tree.write("record.json.tmp-notes", "mine"),
                     busy = tree.write(".record.json.tmp-0000000000ff", "busy");
-  const int held = ::open(busy.c_str(), O_RDONLY | O_CLOEXEC);  // a write in progress locks it
+  const int held = ::open(busy.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(held, LOCK_EX), 0);
   writeFileAtomically(tree.path("record.json"), "new", 0600);
   auto left = [&] {
