@@ -46,9 +46,10 @@ struct HostTree {
                   .usr = path("usr"),
                   .executable = bundle + "Helpers/TarnlyAdminHelper"};
     users_.addUser(::geteuid(), {kAdministratorGroup});  // owns the build folder when not root
-    for (auto dir : {path("usr/local/bin"), path("outside"), completions, bundle + "Helpers"})
+    for (const auto& dir :
+         {path("usr/local/bin"), path("outside"), completions, bundle + "Helpers"})
       fs::create_directories(dir);
-    for (auto file :
+    for (const auto& file :
          {tool, completions + "_tarnly", completions + "tarnly.fish", env_.paths.executable})
       writeFileAtomically(file, "#!/bin/sh\n", 0755);
   }
@@ -284,8 +285,8 @@ TEST(HostRaceConcurrent, NothingButTheHelpersOwnLinksChangesWhileAUserSwapsWhatI
   // The user owns a zsh tree (as a package manager run by a user leaves it) and the folder around
   // the resolver folder; a followed link would reach a root-owned folder or marked file outside.
   const std::string zsh = t.path("usr/local/share/zsh/site-functions"), R = t.path("etc/resolver");
-  for (auto folder : {zsh, R}) fs::create_directories(folder);
-  for (auto folder : {parentPath(zsh), zsh, parentPath(R)})
+  for (const auto& folder : {zsh, R}) fs::create_directories(folder);
+  for (const auto& folder : {parentPath(zsh), zsh, parentPath(R)})
     ASSERT_EQ(::chown(folder.c_str(), kNobody, kNobody), 0);
   writeFileAtomically(t.path("outside/file"), HelperResolver::fileContent("tqz") + "#\n", 0644);
   const std::string paths[] = {zsh, zsh + ".aside", zsh + "/_tarnly", zsh + "/_tarnly.aside",
