@@ -24,7 +24,7 @@ class FileError : public std::runtime_error {
 };
 
 // The largest file the helper reads by default; its records are far smaller.
-inline constexpr std::size_t kMaximumReadSize = 16 * 1024 * 1024;
+inline constexpr std::size_t kMaximumReadSize = std::size_t{16} * 1024 * 1024;
 
 // Writes every byte, retrying after interruptions and short writes; false on the first failure.
 bool writeAll(int fd, std::string_view data);
