@@ -73,17 +73,6 @@ std::string IsolatedRootTest::run(const std::string& script) {
   bool hostHadState = pathExists(kStateFolder);
   HelperCommand::Result result = runIn(script);
   EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
-  // Whatever the helper wrote stayed inside the isolated root.
   EXPECT_EQ(pathExists(kStateFolder), hostHadState);
   return result.stdout;
-}
-
-void IsolatedRootTest::expectSections(
-    const std::string& out, const std::vector<std::pair<std::string, std::string>>& rows) {
-  for (const auto& [name, text] : rows) {
-    std::string marker = "-- " + name + "\n", all = out + "-- ";
-    size_t start = all.find(marker), end = all.find("\n-- ", start + 1);
-    EXPECT_EQ(start == std::string::npos ? "" : all.substr(start, end + 1 - start), marker + text)
-        << out;
-  }
 }

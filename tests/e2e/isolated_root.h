@@ -1,14 +1,12 @@
-// IsolatedRootTest: scenarios that run a shell script as root in private mount and network
-// namespaces, chrooted into an overlay of "/" on a tmpfs, so the unmodified helper uses its real
-// paths without touching the host; skipped with the reason where none can be made. The bundle holds
-// the built helper, tarnly-helperctl as the application and the end-to-end driver as the companion
-// service. Static members; thread-safe.
+// IsolatedRootTest: scenarios run as root in private mount and network namespaces, chrooted into
+// an overlay of "/" on a tmpfs, where the unmodified helper uses its real paths without touching
+// the host (skipped, with the reason, where none can be made). Its bundle holds the built helper,
+// tarnly-helperctl as the application and the driver as the companion service. Thread-safe.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "service/helper_command.h"
@@ -28,7 +26,4 @@ class IsolatedRootTest : public ::testing::Test {
                                      const std::vector<std::string>& launcher = {});
   // What `script` printed; a failure when its status is not 0 or the host's state folder changed.
   static std::string run(const std::string& script);
-  // Expects each {NAME, text}: what follows the line "-- NAME" in `out` up to the next such line.
-  static void expectSections(const std::string& out,
-                             const std::vector<std::pair<std::string, std::string>>& rows);
 };

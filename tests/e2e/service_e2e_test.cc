@@ -25,59 +25,52 @@ anchor() { for n; do pfctl -a com.apple/900.tarnly.firewall -sr | grep -q 192.16
 using ServiceEndToEnd = IsolatedRootTest;
 
 TEST_F(ServiceEndToEnd, ModesLifecycleHostAndUninstall) {
-  std::string out = run(kNetworks + R"sh(net 501 64
-NB='setpriv --reuid=65534 --regid=65534 --clear-groups'
-echo '-- modes'; rmdir "$S"; $NB $HELPER --version; $NB $HELPER --status 2>&1; echo "status=$?"; $NB $HELPER 2>/dev/null
+  std::string out =
+      run(kNetworks + R"sh(net 501 64; NB='setpriv --reuid=65534 --regid=65534 --clear-groups'
+rmdir "$S"; $NB $HELPER --version; $NB $HELPER --status 2>&1; echo "status=$?"; $NB $HELPER 2>/dev/null
 echo "service=$?"; $HELPER --reapply; echo "reapply=$?, $(ls $LOG "$S" /var/lib/pfsim 2>/dev/null | wc -l) written"; mkdir "$S"
 printf '{"owners": {"501": {"appliedAt": 815000000.5, "policies": %s}}}' "$(cat /tmp/policy-501.json)" > "$S/firewall-policies.json"
-echo '-- reapply'; $HELPER --reapply && $HELPER --reapply && log_lines; anchor 64
+$HELPER --reapply && $HELPER --reapply && log_lines; anchor 64
 $HELPER --status | grep -A1 -x '== \(pf status\|subnet owners\) ==' | sed '/^--$/d; s/ for .*//'
-start_helper  # a copy of the client outside the helper's bundle is disconnected before any method runs
-install -D -m 0755 $CTL /opt/Other.app/Contents/MacOS/Tarnly
-echo '-- stranger'; /opt/Other.app/Contents/MacOS/Tarnly setTarnlyResolverWithEnabled:withReply: true 2>&1
-echo "exit=$?"; ls /etc/resolver 2>/dev/null || echo 'no resolver files'
-echo '-- shutdown'; ctl_as 65534 65534 shutdownForUpgradeWithReply:; ctl helperVersionWithReply:
+O=/opt/Other.app/Contents/MacOS/Tarnly; install -D $CTL $O; start_helper  # a copy outside the bundle
+$O setTarnlyResolverWithEnabled:withReply: true 2>&1; echo "exit=$?"; ls /etc/resolver 2>/dev/null || echo 'no resolver'
+ctl_as 65534 65534 shutdownForUpgradeWithReply:; ctl helperVersionWithReply:
 ctl shutdownForUpgradeWithReply:; (sleep 20; kill -9 $HELPER_PID) >/dev/null 2>&1 & watchdog=$!
 wait $HELPER_PID; echo "helper exit=$?"; HELPER_PID=; kill $watchdog; start_helper; log_lines | grep -c '^Boot re-apply'
 for f in Helpers/tarnly-cli Resources/completions/_tarnly Resources/completions/tarnly.fish; do install -D /dev/null $C/$f; done
 links() { find /usr/local -type l -lname "$C/*" | sort | xargs -r readlink | sed "s|$C/||" | tr '\n' ';'; echo; }
-echo '-- host'; ctl installCLISymlinkWithReply:; links; ctl setTarnlyResolverWithEnabled:withReply: true
+ctl installCLISymlinkWithReply:; links; ctl setTarnlyResolverWithEnabled:withReply: true
 ctl_as 65534 65534 setTarnlyResolverWithEnabled:withReply: false; log_lines | grep -c ^Refused
 ls /etc/resolver; ctl setTarnlyResolverWithEnabled:withReply: false; ctl removeCLISymlinkWithReply:
 ls /etc/resolver; links
 printf 'bridge100: flags=8a63<UP> mtu 1500\n\tmember: vmenet0 flags=3<LEARNING>\nvmenet0: flags=8963<UP> mtu 1500\nvmenet1: flags=8963<UP> mtu 1500\n' \
   > /var/lib/fakes/ifconfig-a.txt  # vmenet0 is a member of bridge100; vmenet1 is in no bridge
-echo '-- prune'; ctl pruneStaleVMInterfacesWithReply:; ctl pruneStaleVMInterfacesWithReply:
-grep destroy /var/lib/fakes/ifconfig.calls
-echo '-- uninstall'; ctl removeFilesForUninstallWithReply:; ls "$S"; ls $LOG 2>/dev/null || echo 'no log'
+ctl pruneStaleVMInterfacesWithReply:; ctl pruneStaleVMInterfacesWithReply:; grep destroy /var/lib/fakes/ifconfig.calls
+ctl removeFilesForUninstallWithReply:; ls "$S"; ls $LOG 2>/dev/null || echo 'no log'
 )sh");
-  // The boot re-apply runs after --reapply, and at each start: an administrator's shutdown ends the
-  // helper with status 0 and the next start re-applies; the firewall another account uses stays.
-  expectSections(
-      out,
-      {{"modes", std::string(TARNLY_VERSION) +
+  // Not as root: nothing written. The boot re-apply runs after --reapply, and at each start: an
+  // administrator's shutdown ends the helper with status 0 and the next start re-applies. The copy
+  // of the client outside the bundle is disconnected before any method runs. The firewall another
+  // account uses stays.
+  EXPECT_EQ(out, std::string(TARNLY_VERSION) +
                      "\nTarnlyAdminHelper must run as root (launchd LaunchDaemon).\nstatus=1\n"
-                     "service=1\nreapply=0, 0 written\n"},
-       {"reapply",
-        "Applied firewall. Enforcing 1 network for all users: Net501 - IPv6 dropped on bridge100\n"
-        "Boot re-apply: Enforcing 1 network for all users: Net501\nBoot re-apply: pf already runs "
-        "these rules; nothing reloaded. Enforcing 1 network for all users: Net501\n64 on\n"
-        "== pf status ==\nStatus: Enabled\n== subnet owners ==\n192.168.64.0/24 501\n"},
-       {"stranger",
-        "tarnly-helperctl: the helper closed the connection without a reply\nexit=1\n"
-        "no resolver files\n"},
-       {"shutdown", "[]\n" + kVersion + "[]\nhelper exit=0\n4\n"},
-       {"host",
-        "[null]\nHelpers/tarnly-cli;Helpers/tarnly-cli;Resources/completions/tarnly.fish;"
-        "Resources/completions/tarnly.fish;Resources/completions/_tarnly;\n[null]\n[\"" +
-            kRefusal + "\"]\n2\ntarnly\ntqz\n[null]\n[null]\n\n"},
-       {"prune",
-        "[\"1 vmnet interface(s) in no bridge for now; destroyed if still so at the next "
-        "scan.\",null]\n[\"Destroyed 1 of 1 stale vmnet interface(s) (1 in use).\",null]\n"
-        "vmenet1 destroy\n"},
-       {"uninstall",
-        "[\"firewall rules another account on this Mac still uses\",null]\n"
-        "firewall-loaded.json\nfirewall-policies.json\nfirewall.pf.conf\nno log\n"}});
+                     "service=1\nreapply=0, 0 written\nApplied firewall. Enforcing 1 network for "
+                     "all users: Net501 - IPv6 dropped on bridge100\nBoot re-apply: Enforcing 1 "
+                     "network for all users: Net501\nBoot re-apply: pf already runs these rules; "
+                     "nothing reloaded. Enforcing 1 network for all users: Net501\n64 on\n== pf "
+                     "status ==\nStatus: Enabled\n== subnet owners ==\n192.168.64.0/24 501\n"
+                     "tarnly-helperctl: the helper closed the connection without a reply\nexit=1\n"
+                     "no resolver\n[]\n" +
+                     kVersion +
+                     "[]\nhelper exit=0\n4\n[null]\nHelpers/tarnly-cli;Helpers/tarnly-cli;"
+                     "Resources/completions/tarnly.fish;Resources/completions/tarnly.fish;"
+                     "Resources/completions/_tarnly;\n[null]\n[\"" +
+                     kRefusal +
+                     "\"]\n2\ntarnly\ntqz\n[null]\n[null]\n\n[\"1 vmnet interface(s) in no bridge "
+                     "for now; destroyed if still so at the next scan.\",null]\n[\"Destroyed 1 of "
+                     "1 stale vmnet interface(s) (1 in use).\",null]\nvmenet1 destroy\n[\"firewall "
+                     "rules another account on this Mac still uses\",null]\nfirewall-loaded.json\n"
+                     "firewall-policies.json\nfirewall.pf.conf\nno log\n");
 }
 
 #ifdef TARNLY_SANITIZED
@@ -90,39 +83,35 @@ TEST_F(ServiceEndToEnd, FirewallForTwoUsersAFullFolderManyClientsAndTheTransport
   std::string out = run(kPeak + kNetworks + R"sh(net 0 64; net 501 65; net 502 66
 mount -t tmpfs -o size=64k tmpfs "$S"; start_helper
 apply() { ctl_as $1 $2 applyFirewallWithPolicyData:withReply: /tmp/policy-${3:-$1}.json; }
-report() { ctl firewallReportWithReply: | grep -o 'Status: Enabled\|== subnet owners ==.*'; }
-echo '-- apply'; apply 501 80; apply 502 502; apply 65534 65534 501
-ctl_as 65534 65534 helperVersionWithReply:; log_lines | grep -c ^Refused; report
-echo '-- remove'; ctl_as 501 80 removeFirewallWithReply:; anchor 65 66
-echo '-- full'; cp "$S/firewall-policies.json" /tmp/store; dd if=/dev/zero of="$S/fill" bs=4k 2>/dev/null
+apply 501 80; apply 502 502; apply 65534 65534 501; ctl_as 65534 65534 helperVersionWithReply:
+log_lines | grep -c ^Refused; ctl firewallReportWithReply: | grep -o 'Status: Enabled\|== subnet owners ==.*'
+ctl_as 501 80 removeFirewallWithReply:; anchor 65 66
+cp "$S/firewall-policies.json" /tmp/store; dd if=/dev/zero of="$S/fill" bs=4k 2>/dev/null
 apply 501 80; cmp "$S/firewall-policies.json" /tmp/store && echo 'same store'
 ls -a "$S" | grep -c tmp-; anchor 65 66; rm "$S/fill"; apply 501 80
-echo '-- together'; for i in $(seq 40); do case $((i % 4)) in 0) apply 501 80 ;; 1) apply 502 502 ;;
+for i in $(seq 40); do case $((i % 4)) in 0) apply 501 80 ;; 1) apply 502 502 ;;
   2) ctl helperVersionWithReply: ;; 3) ctl createdVLANsWithReply: ;; esac > /tmp/client.$i &
   pids="${pids:-} $!"; done; wait $pids; cat /tmp/client.* | LC_ALL=C sort | uniq -c | sed 's/^ *//'
-echo '-- driver'; $DRIVER 1000 200 && kill -0 $HELPER_PID && echo 'helper alive'
+$DRIVER 1000 200 && kill -0 $HELPER_PID && echo 'helper alive'
 log_lines | grep -c '^Refused a connection'; awk '/VmHWM/ { print $2 < '$PEAK' ? "peak bounded" : $0 }' /proc/$HELPER_PID/status
 )sh");
   auto more = [](const std::string& net) {
     return "[\"Enforcing 1 network: " + net + " - 1 more for other users of this Mac\",null]\n";
   };
-  expectSections(
-      out, {{"apply", "[\"Enforcing 1 network: Net501\",null]\n" + more("Net502") + "[null,\"" +
-                          kRefusal + "\"]\n" + kVersion + "1\n" +
-                          "Status: Enabled\n== subnet owners ==\\n192.168.65.0/24 501\\n"
-                          "192.168.66.0/24 502\",null]\n"},
-            {"remove", "[null]\n65 off\n66 on\n"},
-            // A failed write keeps the previous store and firewall and leaves no temporary file.
-            {"full",
-             "[null,\"Could not write /Library/Application Support/Tarnly/firewall.pf.conf: No "
-             "space left on device.\"]\nsame store\n0\n65 off\n66 on\n" +
-                 more("Net501")},
-            {"together", "10 " + kVersion + "10 " + more("Net501") + "10 " + more("Net502") +
-                             "10 [\"W10=\",null]\n"},
-            // Connections over the limit refused; 4 frames fill the budget, the rest hear busy.
-            {"driver",
-             "idle: 1000 kept, 3 over the limit refused\nflood: 200 half frames of 16 MiB: 4 held, "
-             "196 refused as busy, 0 other\nhelper alive\n1\npeak bounded\n"}});
+  // The refused apply logs one line, the version none. A failed write keeps the previous store and
+  // firewall and leaves no temporary file. Connections over the limit are refused; 4 frames fill
+  // the budget, the rest hear busy.
+  EXPECT_EQ(out, "[\"Enforcing 1 network: Net501\",null]\n" + more("Net502") + "[null,\"" +
+                     kRefusal + "\"]\n" + kVersion +
+                     "1\nStatus: Enabled\n== subnet owners ==\\n192.168.65.0/24 501\\n"
+                     "192.168.66.0/24 502\",null]\n[null]\n65 off\n66 on\n[null,\"Could not write "
+                     "/Library/Application Support/Tarnly/firewall.pf.conf: No space left on "
+                     "device.\"]\nsame store\n0\n65 off\n66 on\n" +
+                     more("Net501") + "10 " + kVersion + "10 " + more("Net501") + "10 " +
+                     more("Net502") +
+                     "10 [\"W10=\",null]\nidle: 1000 kept, 3 over the limit refused\nflood: 200 "
+                     "half frames of 16 MiB: 4 held, 196 refused as busy, 0 other\nhelper "
+                     "alive\n1\npeak bounded\n");
 }
 
 // On this kernel; where it has no 802.1Q VLAN links, once more on user-mode Linux's, which has.
