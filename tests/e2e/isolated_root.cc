@@ -5,38 +5,29 @@
 #include "platform/files.h"
 #include "support/temp_tree.h"
 
-namespace IsolatedRoot {
-
 namespace {
 
 // Builds the root and runs the inner script in it; its own status is the inner script's.
 constexpr const char* kOuterScript = R"sh(set -eu
 inner=$1 pfctl=$2 helper=$3 client=$4 driver=$5
 top=$(mktemp -d /tmp/tarnly-root-XXXXXX) && mount -t tmpfs tmpfs "$top"
-mkdir -p "$top/upper" "$top/work" "$top/root"
-mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
-for fs in proc dev sys; do mount --bind "/$fs" "$top/root/$fs"; done
-root=$top/root
+mkdir -p "$top/upper" "$top/work" "$top/root" && mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
+root=$top/root; for fs in proc dev sys; do mount --bind "/$fs" "$root/$fs"; done
 # Fresh /run, /tmp and simulator state, as after a boot: nothing the host put there shows through.
-mount -t tmpfs -o mode=0755 tmpfs "$root/run"
-mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"; rm -rf "$root/var/lib/pfsim"
+mount -t tmpfs -o mode=0755 tmpfs "$root/run" && mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"; rm -rf "$root/var/lib/pfsim"
 # The bundle: root-owned folders no one else can write, all the way up.
 contents=$root/Applications/Tarnly.app/Contents
 install -d -m 0755 "$contents/Helpers" "$contents/MacOS" "$root/var/lib/fakes"
-install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper"
-install -m 0755 "$client" "$contents/MacOS/Tarnly"
+install -m 0755 "$helper" "$contents/Helpers/TarnlyAdminHelper" && install -m 0755 "$client" "$contents/MacOS/Tarnly"
 install -m 0755 "$driver" "$contents/Helpers/TarnlyService"
 install -m 0755 "$pfctl" "$root/sbin/pfctl"
-# Fakes of the macOS tools: each records its arguments, one run a line; pgrep finds nothing.
+# Fakes of the macOS tools: ifconfig records its arguments, one run a line; pgrep finds nothing.
 printf '#!/bin/sh\necho "$*" >> /var/lib/fakes/ifconfig.calls\n%s\n' \
-  '[ "$*" != -a ] || cat /var/lib/fakes/ifconfig-a.txt' > "$root/sbin/ifconfig"
-printf '#!/bin/sh\necho "$*" >> /var/lib/fakes/pgrep.calls\nexit 1\n' > "$root/usr/bin/pgrep"
-chmod 0755 "$root/sbin/ifconfig" "$root/usr/bin/pgrep"
-# Two administrators; group 80 is the administrators' group.
+  '[ "$*" != -a ] || cat /var/lib/fakes/ifconfig-a.txt' > "$root/sbin/ifconfig"; chmod 0755 "$root/sbin/ifconfig"
+ln -sf /bin/false "$root/usr/bin/pgrep"
 echo 'admin:x:80:bob' >> "$root/etc/group"
 printf 'alice:x:501:80::/:/bin/false\nbob:x:502:502::/:/bin/false\n' >> "$root/etc/passwd"
-cp "$inner" "$root/inner.sh"
-set +e; chroot "$root" /bin/sh /inner.sh; status=$?
+cp "$inner" "$root/inner.sh"; set +e; chroot "$root" /bin/sh /inner.sh; status=$?
 umount -l "$root" "$top" 2>/dev/null; rmdir "$top"
 exit $status
 )sh";
@@ -49,21 +40,18 @@ trap '[ -n "$HELPER_PID" ] && kill -9 $HELPER_PID 2>/dev/null' EXIT
 started_count() { cat $LOG 2>/dev/null | grep -c 'listening on com.orbelle.tarnly.adminhelper\.$'; }
 start_helper() {  # waits at most 10 s for its new listening line
   before=$(started_count) tries=0; $HELPER & HELPER_PID=$!
-  until [ "$(started_count)" -gt "$before" ]; do
-    tries=$((tries + 1)); [ $tries -le 500 ] && kill -0 $HELPER_PID 2>/dev/null ||
-      { echo "the helper did not start listening" >&2; exit 1; }; sleep 0.02
-  done
-}
+  until [ "$(started_count)" -gt "$before" ]; do tries=$((tries + 1)); [ $tries -le 500 ] &&
+    kill -0 $HELPER_PID 2>/dev/null || { echo "the helper did not start listening" >&2; exit 1; }; sleep 0.02; done; }
 ctl() { $CTL "$@" 2>&1 || echo "exit=$?"; }
 ctl_as() { u=$1 g=$2; shift 2; setpriv --reuid=$u --regid=$g --init-groups $CTL "$@" 2>&1 || echo "exit=$?"; }
 log_lines() { cut -d' ' -f2- $LOG; }
 )sh";
-
 constexpr const char* kStateFolder = "/Library/Application Support/Tarnly";
+
 }  // namespace
 
-HelperCommand::Result run(const std::string& script, const std::string& pfctl,
-                          const std::vector<std::string>& launcher) {
+HelperCommand::Result IsolatedRootTest::runIn(const std::string& script, const std::string& pfctl,
+                                              const std::vector<std::string>& launcher) {
   TempTree tree;
   std::vector<std::string> command = launcher;
   command.insert(command.end(),
@@ -74,8 +62,6 @@ HelperCommand::Result run(const std::string& script, const std::string& pfctl,
   return HelperCommand::run(command.front(), {command.begin() + 1, command.end()});
 }
 
-}  // namespace IsolatedRoot
-
 void IsolatedRootTest::SetUp() {
   if (::geteuid() != 0) GTEST_SKIP() << "end-to-end runs need root";
   HelperCommand::Result probe = HelperCommand::run(
@@ -84,20 +70,9 @@ void IsolatedRootTest::SetUp() {
 }
 
 std::string IsolatedRootTest::run(const std::string& script) {
-  bool hostHadState = pathExists(IsolatedRoot::kStateFolder);
-  HelperCommand::Result result = IsolatedRoot::run(script);
+  bool hostHadState = pathExists(kStateFolder);
+  HelperCommand::Result result = runIn(script);
   EXPECT_EQ(result.status, 0) << result.stdout << result.stderr;
-  // Whatever the helper wrote stayed inside the isolated root.
-  EXPECT_EQ(pathExists(IsolatedRoot::kStateFolder), hostHadState);
+  EXPECT_EQ(pathExists(kStateFolder), hostHadState);
   return result.stdout;
-}
-
-void IsolatedRootTest::expectSections(
-    const std::string& out, const std::vector<std::pair<std::string, std::string>>& rows) {
-  for (const auto& [name, text] : rows) {
-    std::string marker = "-- " + name + "\n", all = out + "-- ";
-    size_t start = all.find(marker), end = all.find("\n-- ", start + 1);
-    std::string found = start == std::string::npos ? "<none>" : all.substr(start, end + 1 - start);
-    EXPECT_EQ(found, marker + text) << out;
-  }
 }

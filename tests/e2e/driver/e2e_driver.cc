@@ -1,9 +1,7 @@
-// The end-to-end driver: a client of the running helper that opens many connections at once, run in
-// an isolated root as the bundle's companion service. `e2e_driver IDLE FLOOD` holds IDLE
-// idle connections and stalled half frames beside a new client, opens connections up to the
-// helper's limit, then has FLOOD connections each send half of a 16 MiB frame and stall, the
-// helper's peak staying under PEAK_KB. It prints what it saw (its figures on standard error) and
-// exits 0 when every check held, else 1 after printing the first failure.
+// The end-to-end driver, run in an isolated root as the bundle's companion service: `e2e_driver
+// IDLE FLOOD` holds IDLE idle connections and stalled half frames while a new client is served,
+// opens connections up to the helper's limit, then has FLOOD connections each send half of a 16 MiB
+// frame and stall. It prints what it saw; exits 1 after printing the first failure, else 0.
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -30,8 +28,7 @@ namespace {
 
 int connectToHelper() {
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
   std::strncpy(address.sun_path, HostPaths().socketPath.c_str(), sizeof address.sun_path - 1);
   if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) fail("no socket");
   return fd;
@@ -40,14 +37,13 @@ int connectToHelper() {
 // A new client's version request, answered while the others wait.
 void expectVersionForANewClient() {
   int fd = connectToHelper();
-  bool sent = WireFrame::write(fd, R"({"method":"helperVersionWithReply:","args":[]})");
-  std::string reply = sent ? WireFrame::read(fd).payload : "<not sent>";
+  std::string reply = WireFrame::write(fd, R"({"method":"helperVersionWithReply:","args":[]})")
+                          ? WireFrame::read(fd).payload
+                          : "<not sent>";
   ::close(fd);
-  if (reply != std::string(R"({"reply":[")") + TARNLY_VERSION + "\"]}")
-    fail("a client got " + reply);
+  if (reply != std::string(R"({"reply":[")") + TARNLY_VERSION + "\"]}") fail("got " + reply);
 }
 
-// Whether the helper closes `fd` within `ms`.
 bool closedByHelper(int fd, int ms) {
   pollfd entry{fd, POLLIN, 0};
   char byte;
@@ -60,18 +56,17 @@ std::string halfFrame(std::uint32_t size) {
 
 void idle(int count) {
   std::vector<int> fds(count);
-  for (int& fd : fds) fd = connectToHelper();
-  // Five stall in the middle of a frame: four small ones, and a large one holding its budget.
-  for (int i = 0; i < 5; ++i) {
-    std::string half = halfFrame(i < 4 ? 200 : WireFrame::kMaxFrame);
+  for (int i = 0; i < count; ++i) {
+    fds[i] = connectToHelper();
+    // Five stall in the middle of a frame: four small ones, and a large one holding its budget.
+    std::string half = i < 5 ? halfFrame(i < 4 ? 200 : WireFrame::kMaxFrame) : "";
     (void)::send(fds[i], half.data(), half.size(), MSG_NOSIGNAL);
   }
   expectVersionForANewClient();
   for (int fd : fds) {
     if (closedByHelper(fd, 0)) fail("an idle connection was closed");
   }
-  // Up to the limit and three beyond: those three are closed at once.
-  int refused = 0;
+  int refused = 0;  // up to the limit and three beyond: those three are closed at once
   for (int i = 0; i < 1400 && refused < 3; ++i) {
     fds.push_back(connectToHelper());
     refused += i >= 200 && closedByHelper(fds.back(), 20);
@@ -89,12 +84,10 @@ bool flood(int count) {
     sender = std::jthread([&, fd = connectToHelper()] {
       // Blocks until the helper has read it all, or has answered and closed.
       ssize_t n = 1;
-      for (std::size_t done = 0; done < frame.size() && n > 0; done += n > 0 ? std::size_t(n) : 0) {
+      for (std::size_t done = 0; done < frame.size() && n > 0; done += n > 0 ? std::size_t(n) : 0)
         n = ::send(fd, frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
-      }
-      ++(n > 0                                                           ? held
-         : WireFrame::read(fd).payload.find("busy") != std::string::npos ? busy
-                                                                         : other);
+      bool toldBusy = n <= 0 && WireFrame::read(fd).payload.find("busy") != std::string::npos;
+      ++(n > 0 ? held : toldBusy ? busy : other);
       sent.arrive_and_wait();
       ::close(fd);
     });
@@ -108,9 +101,8 @@ bool flood(int count) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int /*argc*/, char** argv) {  // e2e_driver IDLE FLOOD
   (void)::signal(SIGPIPE, SIG_IGN);
-  if (argc != 3) fail("usage: e2e_driver IDLE FLOOD");
   idle(std::stoi(argv[1]));
   return flood(std::stoi(argv[2])) ? 0 : 1;
 }
