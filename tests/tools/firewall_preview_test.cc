@@ -4,7 +4,6 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "firewall/model/ruleset.h"
@@ -83,42 +82,41 @@ TEST(FirewallPreviewTool, PrintsTheRulesetWithNotesOrAsAReportAndRefusesBadInput
           nlohmann::json(kLabRuleset).dump() + "}");
 
   // Every refusal: status 2, nothing on standard output and one sentence naming the input's fault.
-  const std::string& p = kSample;
-  const std::string absent = "open(" + tree.path("absent") + "): No such file or directory";
-  std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
-      {{"--verbose", p}, "unknown option \"--verbose\""},
-      {{p, "--hosts"}, "--hosts needs a file"},
-      {{"--hosts=", p}, "--hosts needs a file"},
-      {{p, p}, "only one policy file can be previewed at a time"}};
-  for (auto& [arguments, fault] : lines) {
-    EXPECT_EQ(preview(arguments), "2||tarnly-firewall-preview: " + fault +
-                                      " (usage: tarnly-firewall-preview [--json] [--hosts FILE] "
-                                      "[POLICY.json | -])\n");
-  }
-  // What the file holds ("": no such file), whether it is the hosts file, and the fault.
-  const std::vector<std::tuple<std::string, bool, std::string>> files = {
-      {"[", false,
-       "the document is not JSON: parse error at line 1, column 2: syntax error while parsing "
-       "value - unexpected end of input; expected '[', '{', or a literal"},
-      {"", false, absent},
-      {"en0", true,
-       "it is not JSON: parse error at line 1, column 1: syntax error while parsing value - "
-       "invalid literal; last read: 'e'"},
-      {R"({"interface": "en0"})", true, "the document: expected an array, found object"},
-      {R"([{"interface": "en0", "address": "192.168.1.300", "prefixLength": 24}])", true,
-       "[0].address: \"192.168.1.300\" is not an IPv4 or IPv6 address"},
-      {R"([{"interface": "en0", "address": "::1", "prefixLength": "64"}])", true,
-       "[0].prefixLength: \"64\" is not an integer from 0 to 128"},
-      {R"([{"address": "::1", "prefixLength": 64}])", true,
-       "[0].interface: required key is missing"},
-      {"", true, absent}};
-  for (const auto& [content, isHosts, fault] : files) {
-    const std::string input = content.empty() ? tree.path("absent") : tree.write("input", content);
-    EXPECT_EQ(preview(isHosts ? std::vector<std::string>{"--hosts", input, p}
-                              : std::vector<std::string>{input}),
-              std::string("2||Could not read the ") +
-                  (isHosts ? "hosts file: " : "firewall policy: ") + fault + "\n");
-  }
+  int files = 0;
+  auto in = [&](const std::string& text) { return tree.write(std::to_string(++files), text); };
+  auto use = [](const std::string& fault) {
+    return "tarnly-firewall-preview: " + fault +
+           " (usage: tarnly-firewall-preview [--json] [--hosts FILE] [POLICY.json | -])";
+  };
+  const std::string p = kSample, absent = tree.path("absent"),
+                    policyFault = "Could not read the firewall policy: ",
+                    hostsFault = "Could not read the hosts file: ",
+                    missing = "open(" + absent + "): No such file or directory";
+  const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+      {{"--verbose", p}, use("unknown option \"--verbose\"")},
+      {{p, "--hosts"}, use("--hosts needs a file")},
+      {{"--hosts=", p}, use("--hosts needs a file")},
+      {{p, p}, use("only one policy file can be previewed at a time")},
+      {{in("[")},
+       policyFault +
+           "the document is not JSON: parse error at line 1, column 2: syntax "
+           "error while parsing value - unexpected end of input; expected '[', '{', or a literal"},
+      {{absent}, policyFault + missing},
+      {{"--hosts", in("en0"), p},
+       hostsFault + "it is not JSON: parse error at line 1, column 1: "
+                    "syntax error while parsing value - invalid literal; last read: 'e'"},
+      {{"--hosts", in(R"({"interface": "en0"})"), p},
+       hostsFault + "the document: expected an array, found object"},
+      {{"--hosts", in(R"([{"interface": "en0", "address": "192.168.1.300", "prefixLength": 24}])"),
+        p},
+       hostsFault + "[0].address: \"192.168.1.300\" is not an IPv4 or IPv6 address"},
+      {{"--hosts", in(R"([{"interface": "en0", "address": "::1", "prefixLength": "64"}])"), p},
+       hostsFault + "[0].prefixLength: \"64\" is not an integer from 0 to 128"},
+      {{"--hosts", in(R"([{"address": "::1", "prefixLength": 64}])"), p},
+       hostsFault + "[0].interface: required key is missing"},
+      {{"--hosts", absent, p}, hostsFault + missing}};
+  for (const auto& [arguments, sentence] : refusals)
+    EXPECT_EQ(preview(arguments), "2||" + sentence + "\n");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// The pf simulator through its installed wrapper (its state read back through PfSimulator) and
-// tarnly-pfctl, one process per invocation as the helper runs them. Answers:
-// "status|stdout|stderr".
+// The pf simulator through its installed wrapper (state read back through PfSimulator) and
+// tarnly-pfctl, a process per invocation as the helper runs them; answers "status|stdout|stderr".
 #include <gtest/gtest.h>
 
 #include <iterator>
@@ -44,11 +43,7 @@ class PfSimulatorTest : public ::testing::Test {
 TEST_F(PfSimulatorTest, AnswersEachInvocationAsPfDoes) {
   const std::string text =
       "\tblock drop out quick on en0 from 0.0.0.0/0 to { 10.0.0.1 { 10.0.0.2, any } }\n"
-      R"(# --- Lab (192.168.64.0/24) ---
-block drop quick on bridge100 inet6 all
-pass in quick proto udp from 192.168.64.0/24 port 68 to 192.168.64.1 port 67
-pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1/32 port 53 keep state
-pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
+      R"(pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
 pass in quick from any to any keep state # trailing comment
 )";
   EXPECT_EQ(load(text), loaded);
@@ -56,9 +51,6 @@ pass in quick from any to any keep state # trailing comment
             "0|" + std::string(R"(block drop out quick on en0 from any to 10.0.0.1
 block drop out quick on en0 from any to 10.0.0.2
 block drop out quick on en0 all
-block drop quick on bridge100 inet6 all
-pass in quick proto udp from 192.168.64.0/24 port = 68 to 192.168.64.1 port = 67
-pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1 port = 53 flags S/SA keep state
 pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
 pass in quick all keep state
 |)") + altq);
@@ -86,14 +78,13 @@ pass in quick all keep state
   EXPECT_EQ(load("pass in quick all\n"), busy);
   EXPECT_EQ(pf.loadedRuleset(anchor), text);
 
-  // Anchors are separate: a flush empties one; -v adds counters; an empty ruleset loads empty.
+  // Anchors are separate: a flush empties one; -v adds counters.
   EXPECT_EQ(load("pass in quick all\n", "other") + pfctl({"-a", anchor, "-F", "rules"}),
             loaded + "0||" + altq + "rules cleared\n");
   EXPECT_EQ(pfctl({"-a", anchor, "-sr"}) + pfctl({"-a", "other", "-v", "-sr"}),
             "0||" + altq +
                 "0|pass in quick all\n  [ Evaluations: 0  Packets: 0  Bytes: 0  States: 0 ]\n|" +
                 altq);
-  EXPECT_EQ(load("") + pfctl({"-a", anchor, "-sr"}), loaded + "0||" + altq);
 
   // The other invocations the helper makes, and the ones it never makes.
   pf.clearInvocations();
@@ -114,7 +105,6 @@ State Table                          Total             Rate
       {{"-sr"},
        "0|scrub-anchor \"com.apple/*\" all fragment reassemble\nanchor \"com.apple/*\" all\n|" +
            altq},
-      {{"-a", "with space/and \"quotes\"", "-sr"}, "0||" + altq},
       {{"-k", "192.168.64.0/24"}, killed + "0 destinations\n"},
       {{"-k", "0.0.0.0/0", "-k", "192.168.64.0/24"}, killed + "1 destinations\n"},
       {{"-k", "lab.example"}, "1||pfctl: no IP address found for lab.example\n"},
@@ -135,7 +125,6 @@ State Table                          Total             Rate
   }
   EXPECT_EQ(pf.states(), std::vector<std::string>{"192.168.640.1 192.168.64.6"});
   EXPECT_EQ(pf.invocations(), invoked);
-  EXPECT_TRUE(pf.enabled());
 }
 
 TEST_F(PfSimulatorTest, ConcurrentRunsShareOneStateAndBusyAnswersGoToTheNextLoadsOnly) {
@@ -161,11 +150,9 @@ TEST_F(PfSimulatorTest, ConcurrentRunsShareOneStateAndBusyAnswersGoToTheNextLoad
   EXPECT_EQ(pf.invocations().size(), 16u);
 }
 
-// tarnly-pfctl in a network namespace on rules the helper never writes (any source, overlapping
-// subnets, a list too long for one kernel rule): listed as the simulator lists them, counted, a
-// refusal that changes nothing, and no table but its own touched.
-TEST_F(PfSimulatorTest,
-       TarnlyPfctlListsLikeTheSimulatorRefusesWithoutChangeAndTouchesNoOtherTable) {
+// tarnly-pfctl in a network namespace on rules the helper never writes (any source, overlaps, a
+// list too long for one kernel rule): listed as simulated, counted, refusals changing nothing.
+TEST_F(PfSimulatorTest, TarnlyPfctlListsAsSimulatedRefusesWithoutChangeTouchesNoOtherTable) {
   const std::string mixed = tree.write("mixed.conf", R"(block drop quick on bridge100 inet6 all
 pass in quick proto tcp from any to any port 22 keep state
 block drop in quick from 192.168.64.0/24 to { 10.0.0.0/8, 10.1.0.0/16 }
@@ -175,11 +162,10 @@ pass out quick proto icmp from any to 127.0.0.1
 )");
   const std::string script = R"sh(P=$1 A=com.apple/900.tarnly.firewall; ip link set lo up
 nft add table inet other; nft add chain inet other c; nft add rule inet other c counter
-other=$(nft list table inet other); $P -E; echo "status=$?"; $P -a $A -f $3
-$2 -a $A -f $3 2>/dev/null; listed=$($P -a $A -sr)
-[ "$listed" = "$($2 -a $A -sr 2>/dev/null)" ] && echo "listed as simulated"
+other=$(nft list table inet other); $P -E; echo "status=$?"; $P -a $A -f $3; $2 -a $A -f $3
+listed=$($P -a $A -sr); [ "$listed" = "$($2 -a $A -sr)" ] && echo "listed as simulated"
 ping -c 1 -W 1 127.0.0.1 > /dev/null; $P -a $A -v -sr | tail -2; $P -a $A -f $4 2>&1
-echo "status=$?"; [ "$listed" = "$($P -a $A -sr)" ] && echo unchanged
+echo "status=$?"; [ "$listed" = "$($P -a $A -sr)" ] && echo unchanged; $P -a $A -F rules
 $P -a com.tarnly.firewall -F rules; echo "legacy=$?"; $P -si | head -1; $P -sr
 [ "$other" = "$(nft list table inet other)" ] && echo "other kept")sh";
   const std::string bad = tree.write("bad.conf", "# bad\npass in quick all\npass in fast all\n");
