@@ -1,6 +1,5 @@
-// The pf simulator (through its installed wrapper, its state read back through PfSimulator) and
-// tarnly-pfctl, one process per invocation as the helper runs them. Answers:
-// "status|stdout|stderr".
+// The pf simulator through its installed wrapper (state read back through PfSimulator) and
+// tarnly-pfctl, a process per invocation as the helper runs them; answers "status|stdout|stderr".
 #include <gtest/gtest.h>
 
 #include <iterator>
@@ -25,6 +24,7 @@ const std::string loaded =
     "added by the system at startup.\nSee /etc/pf.conf for further details.\n\n" +
     altq;
 const std::string busy = "1||pfctl: DIOCXCOMMIT: Resource busy\n";
+const std::string killed = "0||" + altq + "killed 1 states from 1 sources and ";
 
 class PfSimulatorTest : public ::testing::Test {
  protected:
@@ -43,11 +43,7 @@ class PfSimulatorTest : public ::testing::Test {
 TEST_F(PfSimulatorTest, AnswersEachInvocationAsPfDoes) {
   const std::string text =
       "\tblock drop out quick on en0 from 0.0.0.0/0 to { 10.0.0.1 { 10.0.0.2, any } }\n"
-      R"(# --- Lab (192.168.64.0/24) ---
-block drop quick on bridge100 inet6 all
-pass in quick proto udp from 192.168.64.0/24 port 68 to 192.168.64.1 port 67
-pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1/32 port 53 keep state
-pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
+      R"(pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
 pass in quick from any to any keep state # trailing comment
 )";
   EXPECT_EQ(load(text), loaded);
@@ -55,9 +51,6 @@ pass in quick from any to any keep state # trailing comment
             "0|" + std::string(R"(block drop out quick on en0 from any to 10.0.0.1
 block drop out quick on en0 from any to 10.0.0.2
 block drop out quick on en0 all
-block drop quick on bridge100 inet6 all
-pass in quick proto udp from 192.168.64.0/24 port = 68 to 192.168.64.1 port = 67
-pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1 port = 53 flags S/SA keep state
 pass out quick proto udp from 10.1.2.3 to 192.168.64.0/24 port 8000:8080 keep state
 pass in quick all keep state
 |)") + altq);
@@ -78,30 +71,26 @@ pass in quick all keep state
         "pass in quick proto tcp from any to any port 8080:8000",
         "pass in quick proto udp from any port 80-90", "pass in quick from { } to any",
         "pass in quick from { 10.0.0.1, } to any", "pass in quick from any",
-        "pass in quick all keep state now", "pass in quick on { en0 } all"}) {
+        "pass in quick all keep state now", "pass in quick on { en0 } all"})
     refusals.emplace_back(line, syntax);
-  }
-  for (const auto& [line, answer] : refusals) {
+  for (const auto& [line, answer] : refusals)
     EXPECT_EQ(load("# header\npass in quick all\n" + line + "\npass in quick all\n"), answer);
-  }
   EXPECT_EQ(load("pass in quick all\n"), busy);
   EXPECT_EQ(pf.loadedRuleset(anchor), text);
 
-  // Anchors are separate: a flush empties one; -v adds counters; an empty ruleset loads empty.
+  // Anchors are separate: a flush empties one; -v adds counters.
   EXPECT_EQ(load("pass in quick all\n", "other") + pfctl({"-a", anchor, "-F", "rules"}),
             loaded + "0||" + altq + "rules cleared\n");
   EXPECT_EQ(pfctl({"-a", anchor, "-sr"}) + pfctl({"-a", "other", "-v", "-sr"}),
             "0||" + altq +
                 "0|pass in quick all\n  [ Evaluations: 0  Packets: 0  Bytes: 0  States: 0 ]\n|" +
                 altq);
-  EXPECT_EQ(load("") + pfctl({"-a", anchor, "-sr"}), loaded + "0||" + altq);
 
   // The other invocations the helper makes, and the ones it never makes.
   pf.clearInvocations();
   pf.addState("192.168.64.2", "1.1.1.1");
   pf.addState("10.0.0.1", "192.168.64.4");
   pf.addState("192.168.640.1", "192.168.64.6");  // not an address: never matched
-  const std::string killed = "0||" + altq + "killed 1 states from 1 sources and ";
   std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"-si"}, R"(0|Status: Disabled for 0 days 00:00:00          Debug: Urgent
 
@@ -116,7 +105,6 @@ State Table                          Total             Rate
       {{"-sr"},
        "0|scrub-anchor \"com.apple/*\" all fragment reassemble\nanchor \"com.apple/*\" all\n|" +
            altq},
-      {{"-a", "with space/and \"quotes\"", "-sr"}, "0||" + altq},
       {{"-k", "192.168.64.0/24"}, killed + "0 destinations\n"},
       {{"-k", "0.0.0.0/0", "-k", "192.168.64.0/24"}, killed + "1 destinations\n"},
       {{"-k", "lab.example"}, "1||pfctl: no IP address found for lab.example\n"},
@@ -130,15 +118,13 @@ State Table                          Total             Rate
   }
   std::vector<std::vector<std::string>> invoked;
   for (auto& [arguments, answer] : cases) {
-    const std::string usage = "1||usage: pfctl [-AdeghMmNnOqRrvz] [-a anchor] ";  // and the rest
+    const std::string usage = "1||usage: pfctl [-AdeghMmNnOqRrvz] [-a anchor] ";
     EXPECT_EQ(pfctl(arguments).substr(0, answer.empty() ? usage.size() : std::string::npos),
-              answer.empty() ? usage : answer)
-        << testing::PrintToString(arguments);
+              answer.empty() ? usage : answer);
     invoked.push_back(arguments);
   }
   EXPECT_EQ(pf.states(), std::vector<std::string>{"192.168.640.1 192.168.64.6"});
   EXPECT_EQ(pf.invocations(), invoked);
-  EXPECT_TRUE(pf.enabled());
 }
 
 TEST_F(PfSimulatorTest, ConcurrentRunsShareOneStateAndBusyAnswersGoToTheNextLoadsOnly) {
@@ -150,8 +136,7 @@ TEST_F(PfSimulatorTest, ConcurrentRunsShareOneStateAndBusyAnswersGoToTheNextLoad
   for (int i = 0; i < 8; ++i) {
     const std::string network = "10.0." + std::to_string(i);
     pf.addState(network + ".1", "1.1.1.1");
-    expected.insert({i < 4 ? busy : loaded,
-                     "0||" + altq + "killed 1 states from 1 sources and 0 destinations\n"});
+    expected.insert({i < 4 ? busy : loaded, killed + "0 destinations\n"});
     threads.emplace_back([&, network] {
       std::string load = pfctl({"-a", anchor, "-f", rules}),
                   kill = pfctl({"-k", network + ".0/24"});
@@ -165,51 +150,37 @@ TEST_F(PfSimulatorTest, ConcurrentRunsShareOneStateAndBusyAnswersGoToTheNextLoad
   EXPECT_EQ(pf.invocations().size(), 16u);
 }
 
-// tarnly-pfctl in a network namespace of the test's own: the simulator's listings for the same
-// rules, refusals that change nothing, counters, and no table but its own touched.
-TEST_F(PfSimulatorTest,
-       TarnlyPfctlListsLikeTheSimulatorRefusesWithoutChangeAndTouchesNoOtherTable) {
-  HelperCommand::Result probe = HelperCommand::run("/usr/bin/unshare", {"--net", "/bin/true"});
-  if (probe.status != 0) GTEST_SKIP() << "no network namespaces here: " << probe.combinedOutput();
-  // Lines the kernel cannot dispatch by subnet (any source, overlapping subnets), lists with
-  // overlapping elements and one too long for one kernel rule; the last line is counted.
-  const std::string mixed = tree.write(
-      "mixed.conf",
-      R"(block drop quick on bridge100 inet6 all
+// tarnly-pfctl in a network namespace on rules the helper never writes (any source, overlaps, a
+// list too long for one kernel rule): listed as simulated, counted, refusals changing nothing.
+TEST_F(PfSimulatorTest, TarnlyPfctlListsAsSimulatedRefusesWithoutChangeTouchesNoOtherTable) {
+  const std::string mixed = tree.write("mixed.conf", R"(block drop quick on bridge100 inet6 all
 pass in quick proto tcp from any to any port 22 keep state
 block drop in quick from 192.168.64.0/24 to { 10.0.0.0/8, 10.1.0.0/16 }
 pass out quick proto icmp from any to 192.168.0.0/16 keep state
-pass out quick proto tcp from any to 192.168.64.0/24 port 8000:8080 keep state
-block drop out quick from any to 192.168.64.0/24
-)"
-      "pass out quick proto udp from { 10.1.1.1, 10.1.1.2, 10.1.1.3, 10.1.1.4, 10.1.1.5, 10.1.1.6, "
-      "10.1.1.7, 10.1.1.8 } to 192.168.64.0/24 port 53 keep state\npass out quick proto icmp from "
-      "any to 127.0.0.1\n");
-  const std::string script = R"sh(P=$1 S=$2 R=$3 A=com.apple/900.tarnly.firewall
-ip link set lo up; nft add table inet other; nft add chain inet other c
-nft add rule inet other c counter; other=$(nft list table inet other)
-$P -E; echo "status=$?"; $P -E; echo "status=$?"; $P -a $A -f $R; echo "load=$?"
-$S -a $A -f $R 2>/dev/null; listed=$($P -a $A -sr)
-[ "$listed" = "$($S -a $A -sr 2>/dev/null)" ] && echo "listed as simulated"
-echo "$listed" | grep 'from 10.1.1.8 to 192.168.64.0/24 port = 53 keep state'
-ping -c 1 -W 1 127.0.0.1 > /dev/null; $P -a $A -v -sr | tail -2
-$P -a $A -f "$4" 2>&1; echo "status=$?"; [ "$listed" = "$($P -a $A -sr)" ] && echo unchanged
-$P -a $A -F rules; $P -a com.tarnly.firewall -F rules; echo "legacy=$?"; $P -a $A -sr
-$P -si | head -1; $P -sr; [ "$other" = "$(nft list table inet other)" ] && echo "other kept")sh";
+pass out quick proto udp from { 10.1.1.1, 10.1.1.2, 10.1.1.3, 10.1.1.4, 10.1.1.5, 10.1.1.6, 10.1.1.7, 10.1.1.8 } to 192.168.64.0/24 port 53 keep state
+pass out quick proto icmp from any to 127.0.0.1
+)");
+  const std::string script = R"sh(P=$1 A=com.apple/900.tarnly.firewall; ip link set lo up
+nft add table inet other; nft add chain inet other c; nft add rule inet other c counter
+other=$(nft list table inet other); $P -E; echo "status=$?"; $P -a $A -f $3; $2 -a $A -f $3
+listed=$($P -a $A -sr); [ "$listed" = "$($2 -a $A -sr)" ] && echo "listed as simulated"
+ping -c 1 -W 1 127.0.0.1 > /dev/null; $P -a $A -v -sr | tail -2; $P -a $A -f $4 2>&1
+echo "status=$?"; [ "$listed" = "$($P -a $A -sr)" ] && echo unchanged; $P -a $A -F rules
+$P -a com.tarnly.firewall -F rules; echo "legacy=$?"; $P -si | head -1; $P -sr
+[ "$other" = "$(nft list table inet other)" ] && echo "other kept")sh";
   const std::string bad = tree.write("bad.conf", "# bad\npass in quick all\npass in fast all\n");
   HelperCommand::Result result = HelperCommand::run(
       "/usr/bin/unshare",
       {"--net", "/bin/bash", "-c", script, "lab", TARNLY_PFCTL_PATH, pf.pfctlPath(), mixed, bad});
-  if (result.stdout.starts_with("status=1")) GTEST_SKIP() << "no nf_tables here: " << result.stderr;
+  if (result.stdout.empty() || result.stdout.starts_with("status=1"))
+    GTEST_SKIP() << "no network namespace or nf_tables here: " << result.stderr;
   EXPECT_EQ(result.stdout,
-            "status=0\nstatus=0\nload=0\nlisted as simulated\npass out quick proto udp from "
-            "10.1.1.8 to 192.168.64.0/24 port = 53 keep state\n"
-            "pass out quick proto icmp from any to 127.0.0.1\n  [ Evaluations: 0  Packets: 1  "
-            "Bytes: 84  States: 0 ]\n" +
+            "status=0\nlisted as simulated\npass out quick proto icmp from any to "
+            "127.0.0.1\n  [ Evaluations: 0  Packets: 1  Bytes: 84  States: 0 ]\n" +
                 bad + ":3: syntax error\n" + refused +
-                "status=1\nunchanged\nlegacy=0\nStatus: Enabled for 0 days 00:00:00           "
-                "Debug: Urgent\n"
-                "anchor \"com.apple/900.tarnly.firewall\" all\nother kept\n")
+                "status=1\nunchanged\nlegacy=0\nStatus: Enabled for 0 days 00:00:00"
+                "           Debug: Urgent\nanchor \"" +
+                anchor + "\" all\nother kept\n")
       << result.stderr;
 }
 
