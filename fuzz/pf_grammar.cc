@@ -19,16 +19,11 @@ FUZZ_TARGET(text) {
     return lines;
   };
   std::size_t expanded = 0;
-  for (const PfRule& rule : parsed.rules) {
+  for (const PfRule& rule : parsed.rules)
     expanded += rule.from.addresses.size() * rule.to.addresses.size();
-    for (const PfAddress& address : rule.from.addresses) {
-      FUZZ_CHECK(address.any || pfNetworkContains(address, address.address));
-    }
-  }
   const PfRulesetParse reread = parsePfRuleset(written(parsed.rules));
   FUZZ_CHECK(reread.accepted() && written(reread.rules) == written(parsed.rules));
   // Listing multiplies lists out; keep it to inputs whose listing stays small.
-  if (expanded <= 4096) {
-    FUZZ_CHECK(pfRulesListing(reread.rules, true) == pfRulesListing(parsed.rules, true));
-  }
+  FUZZ_CHECK(expanded > 4096 ||
+             pfRulesListing(reread.rules, true) == pfRulesListing(parsed.rules, true));
 }

@@ -16,7 +16,6 @@ FUZZ_TARGET(text) {
   FUZZ_CHECK(again.has_value() && Store::encoded(*again) == once &&
              again->size() == owners->size());
   for (const auto& [key, entry] : *owners) FUZZ_CHECK(again->at(key).policies == entry.policies);
-
   Store::Owners changed = *again;
   const std::string owner = Store::ownerKey(501);
   const auto previous = Store::replace(changed, owner, {}, TimePoint{}, false);

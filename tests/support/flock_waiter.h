@@ -10,33 +10,29 @@
 
 #include <chrono>
 #include <functional>
-#include <string>
 #include <thread>
 #include <utility>
 
 #include "platform/files.h"
 #include "platform/text.h"
 
-// Holds an exclusive flock on a file (created when missing), as another process of the helper
-// would, until release() or its end.
+// An exclusive flock on a file (made when missing) until release(); inode() 0 when not opened.
 class HeldFlock {
  public:
   explicit HeldFlock(const std::string& path)
       : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-    ::flock(fd_, LOCK_EX);
+    struct stat info {};
+    if (::flock(fd_, LOCK_EX) == 0 && ::fstat(fd_, &info) == 0) inode_ = info.st_ino;
   }
   ~HeldFlock() { release(); }
   HeldFlock(const HeldFlock&) = delete;
   HeldFlock& operator=(const HeldFlock&) = delete;
   void release() { ::close(std::exchange(fd_, -1)); }
-  // The file's inode, 0 once released or when it could not be opened.
-  ino_t inode() const {
-    struct stat info {};
-    return ::fstat(fd_, &info) == 0 ? info.st_ino : 0;
-  }
+  ino_t inode() const { return inode_; }
 
  private:
   int fd_;
+  ino_t inode_ = 0;
 };
 
 // True once some thread waits for the flock of `inode`; false as soon as `finished` holds (the

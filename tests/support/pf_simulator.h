@@ -13,40 +13,30 @@
 
 class PfSimulator {
  public:
-  // Writes an executable wrapper at `pfctlPath` that runs the simulator `simulatorBinary` with
-  // PFSIM_STATE=`stateDirectory`. Throws FileError.
-  PfSimulator(std::string simulatorBinary, std::string pfctlPath, std::string stateDirectory)
+  // Installs at `pfctlPath` a wrapper running the simulator on `stateDirectory` (paths without ').
+  PfSimulator(const std::string& simulatorBinary, std::string pfctlPath, std::string stateDirectory)
       : pfctl_(std::move(pfctlPath)), state_(std::move(stateDirectory)) {
     createDirectories(parentPath(pfctl_));
-    const auto quoted = [](std::string text) {
-      for (auto at = text.find('\''); at != text.npos; at = text.find('\'', at + 4)) {
-        text.replace(at, 1, "'\\''");
-      }
-      return "'" + text + "'";
-    };
-    writeFileAtomically(pfctl_,
-                        "#!/bin/sh\nPFSIM_STATE=" + quoted(state_) + " exec " +
-                            quoted(simulatorBinary) + " \"$@\"\n",
-                        0755);
+    writeFileAtomically(
+        pfctl_, "#!/bin/sh\nPFSIM_STATE='" + state_ + "' exec '" + simulatorBinary + "' \"$@\"\n",
+        0755);
     clearInvocations();
   }
   const std::string& pfctlPath() const { return pfctl_; }
   // Arguments of every run since construction or the last clearInvocations, in order.
   std::vector<std::vector<std::string>> invocations() const {
+    const std::string text = log();
     std::vector<std::vector<std::string>> runs;
-    const std::vector<std::string> records = log();
-    for (auto record = records.begin() + seen_; record != records.end(); ++record) {
-      runs.push_back(nlohmann::json::parse(*record).get<std::vector<std::string>>());
-    }
-    return runs;
+    for (std::string_view line : split(text, '\n', false))
+      runs.push_back(nlohmann::json::parse(line));
+    return {runs.begin() + static_cast<std::ptrdiff_t>(seen_), runs.end()};
   }
-  void clearInvocations() { seen_ = log().size(); }
+  void clearInvocations() { seen_ = split(log(), '\n', false).size(); }
   bool enabled() const { return PfState(state_).enabled(); }
   void setEnabled(bool enabled) { PfState(state_).setEnabled(enabled); }
   // The next `count` loads (-f) answer "Resource busy".
   void failNextLoads(int count) { PfState(state_).setBusyLoads(count); }
-  // The ruleset text of the anchor's last successful load, comments included; empty when never
-  // loaded or flushed.
+  // The text of the anchor's last successful load; empty when never loaded or flushed.
   std::string loadedRuleset(const std::string& anchor) const {
     return PfState(state_).anchorRuleset(anchor).value_or("");
   }
@@ -54,8 +44,7 @@ class PfSimulator {
   void addState(const std::string& from, const std::string& to) {
     PfState state(state_);
     std::vector<PfConnection> connections = state.connections();
-    connections.emplace_back(from, to);
-    state.setConnections(connections);
+    state.setConnections((connections.emplace_back(from, to), connections));
   }
   std::vector<std::string> states() const {
     std::vector<std::string> lines;
@@ -69,12 +58,9 @@ class PfSimulator {
   }
 
  private:
-  // The invocation log's records, one JSON array of arguments per run.
-  std::vector<std::string> log() const {
+  std::string log() const {
     const PfState lock(state_);
-    const std::string text = readFile(state_ + "/invocations.jsonl").value_or("");
-    const std::vector<std::string_view> lines = split(text, '\n', false);
-    return {lines.begin(), lines.end()};
+    return readFile(state_ + "/invocations.jsonl").value_or("");
   }
 
   std::string pfctl_;

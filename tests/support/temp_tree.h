@@ -5,8 +5,8 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 
 #include "platform/files.h"
@@ -16,7 +16,7 @@ class TempTree {
  public:
   // Makes the folder below the system's temporary folder; throws when it cannot.
   TempTree() : root_((std::filesystem::temp_directory_path() / "tarnly-test-XXXXXX").string()) {
-    if (::mkdtemp(root_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (::mkdtemp(root_.data()) == nullptr) throw FileError("create", root_, errno);
   }
   ~TempTree() {
     std::error_code ignored;
@@ -26,34 +26,30 @@ class TempTree {
   TempTree& operator=(const TempTree&) = delete;
 
   const std::string& root() const { return root_; }
-  // Absolute path of a path relative to the root.
   std::string path(const std::string& relative) const { return root_ + "/" + relative; }
-  // Writes a file (creating its folders) with `mode`; returns its absolute path. Throws FileError.
+  // Writes a file (making its folders) with `mode`, or a shell script; returns its path.
   std::string write(const std::string& relative, const std::string& content,
                     mode_t mode = 0644) const {
     createDirectories(parentPath(path(relative)));
     writeFileAtomically(path(relative), content, mode);
     return path(relative);
   }
-  // Writes an executable shell script; returns its absolute path.
   std::string script(const std::string& relative, const std::string& body) const {
     return write(relative, "#!/bin/sh\n" + body, 0755);
   }
-  // The helper's fixed paths, each re-rooted below this tree
-  // (".../var/log/tarnly-adminhelper.log"), with the folders of the log and of the programs the
-  // helper runs already made.
+  // The helper's fixed paths re-rooted below this tree, with the folders of the log and of the
+  // programs the helper runs made.
   HostPaths hostPaths() const {
-    HostPaths paths;
+    HostPaths p;
     for (std::string* path :
-         {&paths.stateDirectory, &paths.logFile, &paths.rotatedLogFile, &paths.pfctl,
-          &paths.ifconfig, &paths.pgrep, &paths.pfConf, &paths.legacyAnchorFile,
-          &paths.resolverDirectory, &paths.usr, &paths.bootID, &paths.socketPath}) {
+         {&p.stateDirectory, &p.logFile, &p.rotatedLogFile, &p.pfctl, &p.ifconfig, &p.pgrep,
+          &p.pfConf, &p.legacyAnchorFile, &p.resolverDirectory, &p.usr, &p.bootID, &p.socketPath}) {
       *path = root_ + *path;
     }
-    for (const std::string* file : {&paths.logFile, &paths.pfctl, &paths.ifconfig, &paths.pgrep}) {
+    for (const std::string* file : {&p.logFile, &p.pfctl, &p.ifconfig, &p.pgrep}) {
       createDirectories(parentPath(*file));
     }
-    return paths;
+    return p;
   }
 
  private:
