@@ -4,7 +4,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "fuzz_check.h"
 #include "service/helper_log.h"
@@ -14,7 +16,16 @@
 namespace HP = HelperProtocol;
 
 FUZZ_TARGET(input) {
-  static HelperLog log("/dev/null", "/dev/null.old");  // failures go nowhere
+  // The log lives in a folder of its own, never at a shared path such as /dev/null: a fault in
+  // the log's rotation must not be able to move a file the target does not own.
+  static const std::string folder = [] {
+    char path[] = "/tmp/tarnly-fuzz-XXXXXX";
+    return std::string(::mkdtemp(path) != nullptr ? path : "/nonexistent");
+  }();
+  static HelperLog log(folder + "/helper.log", folder + "/helper.log.1");
+  static const struct Cleanup {
+    ~Cleanup() { std::filesystem::remove_all(folder); }
+  } cleanup;
   int runs = 0;
   HP::Operations o;
   const auto record = [&](auto&... operations) {
