@@ -54,7 +54,13 @@ if [ "$1" = --inside ]; then
     exit 1
   fi
   root=$top/root
-  for fs in proc dev sys; do mount --bind "/$fs" "$root/$fs"; done
+  for fs in proc sys; do mount --bind "/$fs" "$root/$fs"; done
+  # A /dev of its own: the host's device files bound one by one, so nothing inside can replace them.
+  mount -t tmpfs -o mode=0755 tmpfs "$root/dev" && mkdir -m 1777 "$root/dev/shm"
+  ln -s /proc/self/fd "$root/dev/fd" && ln -s fd/0 "$root/dev/stdin" && ln -s fd/1 "$root/dev/stdout" && ln -s fd/2 "$root/dev/stderr"
+  for d in null zero full random urandom tty; do
+    touch "$root/dev/$d" && mount --bind "/dev/$d" "$root/dev/$d"
+  done
   # A Mac's /run starts empty: no sessions, no sockets, no named network namespaces.
   mount -t tmpfs -o mode=0755 tmpfs "$root/run"
 

@@ -12,7 +12,11 @@ constexpr const char* kOuterScript = R"sh(set -eu
 inner=$1 pfctl=$2 helper=$3 client=$4 driver=$5
 top=$(mktemp -d /tmp/tarnly-root-XXXXXX) && mount -t tmpfs tmpfs "$top"
 mkdir -p "$top/upper" "$top/work" "$top/root" && mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
-root=$top/root; for fs in proc dev sys; do mount --bind "/$fs" "$root/$fs"; done
+root=$top/root; for fs in proc sys; do mount --bind "/$fs" "$root/$fs"; done
+# A /dev of its own: the host's device files bound one by one, so nothing inside can replace them.
+mount -t tmpfs -o mode=0755 tmpfs "$root/dev" && mkdir -m 1777 "$root/dev/shm"
+ln -s /proc/self/fd "$root/dev/fd" && ln -s fd/0 "$root/dev/stdin" && ln -s fd/1 "$root/dev/stdout" && ln -s fd/2 "$root/dev/stderr"
+for d in null zero full random urandom tty; do touch "$root/dev/$d"; mount --bind "/dev/$d" "$root/dev/$d"; done
 # Fresh /run, /tmp and simulator state, as after a boot: nothing the host put there shows through.
 mount -t tmpfs -o mode=0755 tmpfs "$root/run" && mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"; rm -rf "$root/var/lib/pfsim"
 # The bundle: root-owned folders no one else can write, all the way up.
